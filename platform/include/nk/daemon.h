@@ -1,0 +1,45 @@
+// The daemon frame: common options, signals to a stop pipe, and the run function.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace nk::daemon {
+
+class Instance {
+public:
+    // The read end of the stop pipe: readable once SIGTERM, SIGINT or SIGHUP arrived. -1 when
+    // the pipe could not be made.
+    int on_stop_pipe() const { return stop_pipe_[0]; }
+    void set_run(std::function<int()> run) { run_ = std::move(run); }
+    // Detaches unless -f was given, then calls the run function and returns its status.
+    // After --help or --version (or a bad option) it returns without calling it.
+    int run();
+
+    bool foreground() const { return foreground_; }
+    const std::string& name() const { return name_; }
+    // Set when the options ask for no run (help, version: 0; bad option: 2).
+    int early_exit() const { return early_exit_; }
+
+private:
+    friend Instance& instance(int argc, char** argv, std::string_view name);
+    Instance() = default;
+    bool parse(int argc, char** argv);
+
+    std::string name_;
+    std::function<int()> run_;
+    int stop_pipe_[2] = {-1, -1};
+    bool foreground_ = false;
+    int early_exit_ = -1;
+};
+
+// Parses -f, --settings DIR, --devmgmt DIR, --broker ADDR, --log-level N, --help and
+// --version (an option overrides its environment variable, which it sets for the process and
+// its children), installs the signal handlers and ignores SIGPIPE. One frame per process.
+Instance& instance(int argc, char** argv, std::string_view name);
+
+// The option text shared by every program's --help.
+std::string common_usage();
+
+}  // namespace nk::daemon

@@ -1,0 +1,42 @@
+// A private Mosquitto broker on a unix socket in a scratch directory.
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+
+#include "temp_dir.h"
+
+namespace nk::test {
+
+class TestBroker {
+public:
+    // Config and socket live in `dir` (a fresh scratch directory when empty).
+    explicit TestBroker(std::string dir = "");
+    ~TestBroker();
+    TestBroker(const TestBroker&) = delete;
+    TestBroker& operator=(const TestBroker&) = delete;
+
+    // Starts mosquitto and waits until its socket accepts connections.
+    bool start();
+    // SIGTERM, then reaps; a no-op when not running.
+    void stop();
+    bool restart();
+    bool running() const { return pid_ > 0; }
+
+    const std::string& socket_path() const { return socket_; }
+    // The NKEX_BROKER form: "unix:<socket>".
+    std::string address() const { return "unix:" + socket_; }
+
+    // The config the broker runs with (also what scripts/run writes).
+    static std::string config_text(const std::string& socket_path);
+
+private:
+    std::unique_ptr<TempDir> own_dir_;
+    std::string dir_;
+    std::string socket_;
+    pid_t pid_ = 0;
+};
+
+}  // namespace nk::test

@@ -1,0 +1,17 @@
+// Waiting for an event with a deadline instead of sleeping a fixed time.
+#pragma once
+
+#include <chrono>
+#include <functional>
+
+namespace nk::test {
+
+using namespace std::chrono_literals;
+
+// Polls `done` until it holds or the deadline passes; true when it held.
+bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds timeout = 5s);
+
+// True when fd became readable within the time-out.
+bool wait_readable(int fd, std::chrono::milliseconds timeout = 5s);
+
+}  // namespace nk::test
