@@ -1,0 +1,11 @@
+// Queue processors: turn the work queued by the bus handlers into inventory changes.
+// They run on the main loop, in the order the event pipe handler calls them.
+#pragma once
+
+void process_device_id_requests();
+void process_sifter_user_agents();
+void process_dhcp_results();
+void process_removed_devices();
+void process_new_devices();
+void process_changed_devices();
+void process_pending_devices();

@@ -1,0 +1,23 @@
+// The collector subprocess: its restart policy and the JSON lines it writes.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nk/subprocess.h>
+
+// The collector ("nkdevinfo"), made at start-up for the lease mode; null when the mode is
+// neither 0 (the box's DHCP server) nor 1 (an external one).
+std::unique_ptr<nk::Subprocess> make_collector(int leases_mode);
+
+// The collector the main loop supervises.
+extern std::unique_ptr<nk::Subprocess> g_subprocess;
+
+// Restarts a collector that is down, unless it failed too often or started too recently.
+void restart_subprocess();
+void process_subprocess_messages(const std::vector<std::string>& lines);
+
+// Set once the first lease message was processed; device-id requests and user agents wait
+// for it.
+bool leases_received();

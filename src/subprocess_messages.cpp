@@ -1,0 +1,45 @@
+#include "subprocess_messages.h"
+
+#include <nk/log.h>
+#include <nk/util.h>
+
+#include "globals.h"
+
+std::unique_ptr<nk::Subprocess> g_subprocess;
+
+namespace {
+bool g_leases_received = false;
+}
+
+std::unique_ptr<nk::Subprocess> make_collector(int leases_mode) {
+    const char* arg = nullptr;
+    if (leases_mode == 0) {
+        arg = "-internal";
+    } else if (leases_mode == 1) {
+        arg = "-external";
+    } else {
+        return nullptr;
+    }
+    return nk::Subprocess::create(nk::Subprocess::Type::LEASES, "nkdevinfo",
+                                  nk::common_path_kind1() + "/nkdevinfo", {arg});
+}
+
+void restart_subprocess() {
+    if (!g_subprocess || g_subprocess->pid() > 0) return;
+    if (g_subprocess->failures() > g_retry_interval["subprocess_respawn_retries"]) return;
+    if (g_now - g_subprocess->started_at() < g_retry_interval["subprocess_respawn_frequency"]) {
+        return;
+    }
+    NK_LOG(nk::log::INFO, "Restarting {}, fails={}", *g_subprocess, g_subprocess->failures());
+    g_subprocess->restart();
+}
+
+// The collector's messages update the inventory, which arrives later; they are only traced.
+void process_subprocess_messages(const std::vector<std::string>& lines) {
+    NK_LOG(nk::log::TRACE, "Got {:d} messages", lines.size());
+    for (const std::string& line : lines) {
+        NK_LOG(nk::log::TRACE, "Message: {:s}", line);
+    }
+}
+
+bool leases_received() { return g_leases_received; }
