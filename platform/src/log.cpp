@@ -1,8 +1,8 @@
 #include "nk/log.h"
 
 #include <execinfo.h>
-#include <syslog.h>
 #include <sys/time.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <array>
@@ -24,8 +24,7 @@ namespace nk::log {
 namespace {
 
 constexpr std::size_t kMaxChannels = 32;
-constexpr std::array<std::string_view, 5> kLevelNames = {"ERROR", "WARN", "INFO", "DEBUG",
-                                                         "TRACE"};
+constexpr std::array<std::string_view, 5> kLevelNames = {"ERROR", "WARN", "INFO", "DEBUG", "TRACE"};
 
 struct ChannelInfo {
     std::string name;
@@ -38,6 +37,7 @@ struct State {
     std::atomic<std::size_t> count{0};
     std::atomic<Output> output{Output::Stderr};
     int process_level = kLogLevelDefault;
+    std::string syslog_ident;
 };
 
 State& state() {
@@ -47,40 +47,53 @@ State& state() {
 
 int level_from_env() {
     const char* text = std::getenv(kLogLevelEnv);
-    if (text == nullptr || *text == '\0') return kLogLevelDefault;
+    if (text == nullptr || *text == '\0')
+        return kLogLevelDefault;
     char* end = nullptr;
     const long value = std::strtol(text, &end, 10);
-    if (*end != '\0' || value < 0 || value > TRACE) return kLogLevelDefault;
+    if (*end != '\0' || value < 0 || value > TRACE)
+        return kLogLevelDefault;
     return static_cast<int>(value);
 }
 
 // The process level, refined by "/log/levels/<channel>" when the store has it.
 int level_for(std::string_view name, int process_level) {
-    if (name.empty()) return process_level;
-    const int value = nk::setMgmt::getKeyValue(
-        (nk::path("/log/levels") / name).str(), process_level);
+    if (name.empty())
+        return process_level;
+    const int value =
+        nk::setMgmt::getKeyValue((nk::path("/log/levels") / name).str(), process_level);
     return (value < ERROR || value > TRACE) ? process_level : value;
 }
 
-// Registers a channel; the caller holds the mutex.
-std::optional<Channel> add_channel_locked(State& s, std::string_view name) {
+std::optional<Channel> find_channel_locked(const State& s, std::string_view name) {
     const std::size_t n = s.count.load();
     for (std::size_t i = 0; i < n; ++i) {
-        if (s.channels[i].name == name) return Channel{static_cast<int>(i)};
+        if (s.channels[i].name == name)
+            return Channel{static_cast<int>(i)};
     }
-    if (n >= kMaxChannels) return std::nullopt;
+    return std::nullopt;
+}
+
+// Registers a channel with its level; the caller holds the mutex.
+std::optional<Channel> add_channel_locked(State& s, std::string_view name, int level) {
+    if (auto found = find_channel_locked(s, name))
+        return found;
+    const std::size_t n = s.count.load();
+    if (n >= kMaxChannels)
+        return std::nullopt;
     s.channels[n].name = std::string(name);
-    s.channels[n].level = level_for(name, s.process_level);
+    s.channels[n].level = level;
     s.count = n + 1;
     return Channel{static_cast<int>(n)};
 }
 
 void ensure_default(State& s) {
-    if (s.count.load() != 0) return;
+    if (s.count.load() != 0)
+        return;
     std::lock_guard lock(s.mutex);
     if (s.count.load() == 0) {
         s.process_level = level_from_env();
-        add_channel_locked(s, "");
+        add_channel_locked(s, "", s.process_level);
     }
 }
 
@@ -99,29 +112,45 @@ std::string line_head(int level) {
 
 int syslog_priority(int level) {
     switch (level) {
-        case ERROR: return LOG_ERR;
-        case WARN: return LOG_WARNING;
-        case INFO: return LOG_INFO;
-        default: return LOG_DEBUG;
+        case ERROR:
+            return LOG_ERR;
+        case WARN:
+            return LOG_WARNING;
+        case INFO:
+            return LOG_INFO;
+        default:
+            return LOG_DEBUG;
     }
 }
 
 }  // namespace
 
+// The store is read without the log mutex held: it may itself log.
 void init(std::string_view program, Output out) {
     State& s = state();
-    std::lock_guard lock(s.mutex);
-    s.process_level = level_from_env();
-    if (s.count.load() == 0) {
-        add_channel_locked(s, program);
-    } else {
+    ensure_default(s);
+    const int process_level = level_from_env();
+    std::vector<std::string> names;
+    {
+        std::lock_guard lock(s.mutex);
+        s.process_level = process_level;
         s.channels[0].name = std::string(program);
+        for (std::size_t i = 0; i < s.count.load(); ++i)
+            names.push_back(s.channels[i].name);
     }
-    for (std::size_t i = 0; i < s.count.load(); ++i) {
-        s.channels[i].level = level_for(s.channels[i].name, s.process_level);
-    }
+    std::vector<int> levels;
+    for (const std::string& name : names)
+        levels.push_back(level_for(name, process_level));
+    std::lock_guard lock(s.mutex);
+    for (std::size_t i = 0; i < levels.size(); ++i)
+        s.channels[i].level = levels[i];
     s.output = out;
-    if (out == Output::Syslog) ::openlog(s.channels[0].name.c_str(), LOG_PID, LOG_DAEMON);
+    if (out == Output::Syslog) {
+        // openlog keeps the pointer, so the ident lives apart from the renamable channel name.
+        ::closelog();
+        s.syslog_ident = s.channels[0].name;
+        ::openlog(s.syslog_ident.c_str(), LOG_PID, LOG_DAEMON);
+    }
 }
 
 void set_output(Output out) {
@@ -135,23 +164,36 @@ void set_level(int level) {
     ensure_default(s);
     std::lock_guard lock(s.mutex);
     s.process_level = level;
-    for (std::size_t i = 0; i < s.count.load(); ++i) s.channels[i].level = level;
+    for (std::size_t i = 0; i < s.count.load(); ++i)
+        s.channels[i].level = level;
 }
 
 std::optional<Channel> open_channel(std::string_view name) {
-    if (name.empty()) return std::nullopt;
+    if (name.empty())
+        return std::nullopt;
     State& s = state();
     ensure_default(s);
+    int process_level = kLogLevelDefault;
+    {
+        std::lock_guard lock(s.mutex);
+        if (auto found = find_channel_locked(s, name))
+            return found;
+        process_level = s.process_level;
+    }
+    const int level = level_for(name, process_level);
     std::lock_guard lock(s.mutex);
-    return add_channel_locked(s, name);
+    return add_channel_locked(s, name, level);
 }
 
-Channel default_channel() { return Channel{0}; }
+Channel default_channel() {
+    return Channel{0};
+}
 
 bool can_log(Channel channel, int level) {
     State& s = state();
     ensure_default(s);
-    if (channel.id < 0 || static_cast<std::size_t>(channel.id) >= s.count.load()) return false;
+    if (channel.id < 0 || static_cast<std::size_t>(channel.id) >= s.count.load())
+        return false;
     return level <= s.channels[static_cast<std::size_t>(channel.id)].level.load();
 }
 
@@ -160,7 +202,8 @@ void print(Channel channel, int level, std::string_view text) {
     ensure_default(s);
     std::string line = line_head(level);
     // The caller's text starts with the template head; keep only what follows it.
-    if (text.substr(0, kTemplateHead.size()) == kTemplateHead) text.remove_prefix(kTemplateHead.size());
+    if (text.substr(0, kTemplateHead.size()) == kTemplateHead)
+        text.remove_prefix(kTemplateHead.size());
     line.append(text);
     std::lock_guard lock(s.mutex);
     if (s.output.load() == Output::Syslog) {
@@ -174,7 +217,8 @@ void print(Channel channel, int level, std::string_view text) {
 }
 
 void log_json(int level, std::string_view title, const json_t* json) {
-    if (!can_log(default_channel(), level)) return;
+    if (!can_log(default_channel(), level))
+        return;
     print(default_channel(), level,
           fmt::format("{:s}{:s} {:s}", kTemplateHead, title, nk::json_dump_compact(json)));
 }
@@ -184,7 +228,8 @@ void backtrace(Channel channel) {
     const int n = ::backtrace(frames.data(), static_cast<int>(frames.size()));
     std::unique_ptr<char*, decltype(&std::free)> symbols(::backtrace_symbols(frames.data(), n),
                                                          &std::free);
-    if (!symbols) return;
+    if (!symbols)
+        return;
     for (int i = 0; i < n; ++i) {
         print(channel, ERROR, fmt::format("{:s}  #{:d} {:s}", kTemplateHead, i, symbols.get()[i]));
     }
