@@ -28,7 +28,7 @@ public:
     explicit macaddr(std::string_view text);
     explicit macaddr(const char* text) : macaddr(std::string_view(text ? text : "")) {}
     explicit macaddr(const std::string& text) : macaddr(std::string_view(text)) {}
-    // The view's leading six bytes (consumed); all-zero when it holds fewer.
+    // The view's leading six bytes (the caller's view is not advanced); all-zero when fewer.
     explicit macaddr(buffer_view view);
     explicit macaddr(const sockaddr_ll& link);
     macaddr& operator=(buffer_view view) { return *this = macaddr(view); }
