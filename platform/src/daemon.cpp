@@ -1,1 +1,254 @@
-// to be written
+#include "nk/daemon.h"
+
+#include <fcntl.h>
+#include <getopt.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+
+#include "nk/constants.h"
+#include "nk/io.h"
+#include "nk/log.h"
+
+#ifndef NK_VERSION
+#define NK_VERSION "0.1.0"
+#endif
+
+namespace nk::daemon {
+
+namespace {
+
+// Write end of the stop pipe, for the signal handler.
+volatile sig_atomic_t g_stop_write = -1;
+
+extern "C" void on_stop_signal(int) {
+    const int saved = errno;
+    const char byte = 1;
+    // Non-blocking: when the pipe is full a stop is already pending.
+    [[maybe_unused]] const ssize_t n = ::write(g_stop_write, &byte, 1);
+    errno = saved;
+}
+
+bool install_signals() {
+    struct sigaction sa {};
+    sa.sa_handler = on_stop_signal;
+    sigemptyset(&sa.sa_mask);
+    for (const int sig : {SIGTERM, SIGINT, SIGHUP}) {
+        if (::sigaction(sig, &sa, nullptr) != 0)
+            return false;
+    }
+    struct sigaction ign {};
+    ign.sa_handler = SIG_IGN;
+    sigemptyset(&ign.sa_mask);
+    return ::sigaction(SIGPIPE, &ign, nullptr) == 0;
+}
+
+enum OptionId : int {
+    kOptSettings = 256,
+    kOptDevmgmt,
+    kOptBroker,
+    kOptLogLevel,
+    kOptHelp,
+    kOptVersion,
+};
+
+const option kLongOptions[] = {
+    {"foreground", no_argument, nullptr, 'f'},
+    {"settings", required_argument, nullptr, kOptSettings},
+    {"devmgmt", required_argument, nullptr, kOptDevmgmt},
+    {"broker", required_argument, nullptr, kOptBroker},
+    {"log-level", required_argument, nullptr, kOptLogLevel},
+    {"help", no_argument, nullptr, kOptHelp},
+    {"version", no_argument, nullptr, kOptVersion},
+    {nullptr, 0, nullptr, 0},
+};
+
+std::optional<int> parse_level(const char* text) {
+    char* end = nullptr;
+    errno = 0;
+    const long value = std::strtol(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || value < log::ERROR || value > log::TRACE) {
+        return std::nullopt;
+    }
+    return static_cast<int>(value);
+}
+
+// The option's value goes to the environment, where the libraries (and child processes) look.
+bool set_env(const char* var, const char* value, const char* option) {
+    if (*value == '\0') {
+        std::fprintf(stderr, "--%s needs a non-empty value\n", option);
+        return false;
+    }
+    return ::setenv(var, value, 1) == 0;
+}
+
+void print_usage(std::FILE* out, const std::string& name) {
+    std::fprintf(out, "Usage: %s [options]\n%s", name.c_str(), common_usage().c_str());
+}
+
+// stdin, stdout and stderr to /dev/null: a detached daemon has no terminal.
+bool redirect_stdio() {
+    const io::unique_fd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
+    if (!null)
+        return false;
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::dup2(null.get(), fd) < 0)
+            return false;
+    }
+    return true;
+}
+
+enum class Side { Parent, Daemon, Failed };
+
+// The classic double fork: the daemon is no session leader, so it can never acquire a
+// controlling terminal. The first child is reaped here, leaving no zombie.
+Side detach() {
+    const pid_t first = ::fork();
+    if (first < 0)
+        return Side::Failed;
+    if (first > 0) {
+        int status = 0;
+        while (::waitpid(first, &status, 0) < 0 && errno == EINTR) {
+        }
+        return (WIFEXITED(status) && WEXITSTATUS(status) == 0) ? Side::Parent : Side::Failed;
+    }
+    if (::setsid() < 0)
+        ::_exit(1);
+    const pid_t second = ::fork();
+    if (second != 0)
+        ::_exit(second > 0 ? 0 : 1);
+    if (::chdir("/") != 0 || !redirect_stdio())
+        ::_exit(1);
+    return Side::Daemon;
+}
+
+}  // namespace
+
+Instance& instance(int argc, char** argv, std::string_view name) {
+    static Instance frame;
+    static bool made = false;
+    if (made)
+        return frame;
+    made = true;
+    frame.name_ = std::string(name);
+    // The pipe and handlers exist even when the options end the program early, so that the
+    // caller's set-up path is the same either way.
+    int fds[2] = {-1, -1};
+    if (::pipe2(fds, O_CLOEXEC | O_NONBLOCK) == 0) {
+        frame.stop_pipe_[0] = fds[0];
+        frame.stop_pipe_[1] = fds[1];
+        g_stop_write = fds[1];
+    }
+    if (!install_signals()) {
+        std::fprintf(stderr, "%s: cannot install signal handlers: %s\n", frame.name_.c_str(),
+                     std::strerror(errno));
+    }
+    if (!frame.parse(argc, argv))
+        return frame;
+    log::init(frame.name_, log::Output::Stderr);
+    if (frame.log_level_ >= 0)
+        log::set_level(frame.log_level_);
+    return frame;
+}
+
+bool Instance::parse(int argc, char** argv) {
+    optind = 1;
+    int opt = 0;
+    while ((opt = ::getopt_long(argc, argv, "f", kLongOptions, nullptr)) != -1) {
+        if (!apply_option(opt, optarg)) {
+            print_usage(stderr, name_);
+            early_exit_ = 2;
+            return false;
+        }
+        if (early_exit_ >= 0)
+            return false;
+    }
+    if (optind < argc) {
+        std::fprintf(stderr, "%s: unexpected argument '%s'\n", name_.c_str(), argv[optind]);
+        print_usage(stderr, name_);
+        early_exit_ = 2;
+        return false;
+    }
+    return true;
+}
+
+bool Instance::apply_option(int opt, const char* value) {
+    switch (opt) {
+        case 'f':
+            foreground_ = true;
+            return true;
+        case kOptSettings:
+            return set_env(kSettingsDirEnv, value, "settings");
+        case kOptDevmgmt:
+            return set_env(kDevmgmtDirEnv, value, "devmgmt");
+        case kOptBroker:
+            return set_env(kBrokerEnv, value, "broker");
+        case kOptLogLevel: {
+            const std::optional<int> level = parse_level(value);
+            if (!level) {
+                std::fprintf(stderr, "--log-level wants 0..4, not '%s'\n", value);
+                return false;
+            }
+            log_level_ = *level;
+            return set_env(kLogLevelEnv, value, "log-level");
+        }
+        case kOptHelp:
+            print_usage(stdout, name_);
+            early_exit_ = 0;
+            return true;
+        case kOptVersion:
+            std::printf("%s %s\n", name_.c_str(), NK_VERSION);
+            early_exit_ = 0;
+            return true;
+        default:  // getopt_long has said what was wrong
+            return false;
+    }
+}
+
+int Instance::run() {
+    if (early_exit_ >= 0)
+        return early_exit_;
+    if (!run_) {
+        NK_LOG(log::ERROR, "no run function set");
+        return 1;
+    }
+    if (!foreground_) {
+        std::fflush(nullptr);
+        const Side side = detach();
+        if (side == Side::Failed) {
+            NK_LOG(log::ERROR, "cannot detach");
+            return 1;
+        }
+        if (side == Side::Parent)
+            return 0;
+        log::init(name_, log::Output::Syslog);
+        if (log_level_ >= 0)
+            log::set_level(log_level_);
+    }
+    NK_LOG(log::INFO, "{:s} {:s} starting (pid {:d})", name_, NK_VERSION, ::getpid());
+    return run_();
+}
+
+std::string common_usage() {
+    return fmt::format(
+        "Options:\n"
+        "  -f, --foreground   stay in the foreground and log to stderr\n"
+        "                     (otherwise detach and log to syslog)\n"
+        "  --settings DIR     settings store root ({:s}, default {:s})\n"
+        "  --devmgmt DIR      device table directory ({:s}, default {:s})\n"
+        "  --broker ADDR      bus broker, unix:PATH or tcp:HOST:PORT ({:s}, default {:s})\n"
+        "  --log-level N      most verbose level logged, 0 error .. 4 trace ({:s}, default {:d})\n"
+        "  --help             show this help and exit\n"
+        "  --version          show the version and exit\n",
+        kSettingsDirEnv, kSettingsDirDefault, kDevmgmtDirEnv, kDevmgmtDirDefault, kBrokerEnv,
+        kBrokerDefault, kLogLevelEnv, kLogLevelDefault);
+}
+
+}  // namespace nk::daemon

@@ -15,6 +15,10 @@ public:
     void set_run(std::function<int()> run) { run_ = std::move(run); }
     // Detaches unless -f was given, then calls the run function and returns its status.
     // After --help or --version (or a bad option) it returns without calling it.
+    // Detaching forks: the calling process gets 0 back at once without running anything and
+    // should just return it from main; the run function runs in the detached process (new
+    // session, cwd /, stdio on /dev/null, logging to syslog), whose run() returns its status.
+    // Start no threads before run(): they would not survive the fork.
     int run();
 
     bool foreground() const { return foreground_; }
@@ -26,17 +30,20 @@ private:
     friend Instance& instance(int argc, char** argv, std::string_view name);
     Instance() = default;
     bool parse(int argc, char** argv);
+    bool apply_option(int opt, const char* value);
 
     std::string name_;
     std::function<int()> run_;
     int stop_pipe_[2] = {-1, -1};
     bool foreground_ = false;
     int early_exit_ = -1;
+    int log_level_ = -1;  // from --log-level, -1 when not given
 };
 
 // Parses -f, --settings DIR, --devmgmt DIR, --broker ADDR, --log-level N, --help and
 // --version (an option overrides its environment variable, which it sets for the process and
-// its children), installs the signal handlers and ignores SIGPIPE. One frame per process.
+// its children), installs the signal handlers and ignores SIGPIPE. One frame per process:
+// later calls return the same frame and ignore their arguments.
 Instance& instance(int argc, char** argv, std::string_view name);
 
 // The option text shared by every program's --help.

@@ -3,8 +3,10 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <fmt/format.h>
@@ -24,12 +26,15 @@ public:
 
     // Forks and execs; the child's stdout goes to a non-blocking pipe, stderr is inherited.
     // A failed start (fork, pipe or exec) counts a failure and returns false.
+    // `command` is a path (no PATH search). The child inherits only stdio, with no blocked
+    // signals and default dispositions. Starting a running process does nothing (true).
     bool start();
     // SIGTERM (when `term`, else SIGKILL at once), up to 1 s, then SIGKILL; always reaps.
     bool stop(bool term);
     bool restart();
     // The complete lines read so far; a partial line waits for the next call. At end of
-    // file the child is reaped, pid becomes 0 and a failure is counted.
+    // file the child is reaped, pid becomes 0 and a failure is counted. Reads at most 1 MiB
+    // per call (the rest stays readable); a line over 1 MiB is dropped with a log line.
     std::vector<std::string> recv();
 
     int fd() const { return fd_; }
@@ -45,6 +50,9 @@ private:
     Subprocess(Type type, std::string name, std::string command, std::vector<std::string> argv);
     void close_pipe();
     void reap(bool blocking);
+    bool wait_exit(std::chrono::milliseconds timeout);
+    void split_lines(std::string_view data, std::vector<std::string>& lines);
+    void on_end_of_output();
 
     Type type_;
     std::string name_;
@@ -55,6 +63,7 @@ private:
     int failures_ = 0;
     long started_at_ = 0;
     std::string partial_;
+    bool discarding_ = false;  // inside an over-long line, until its newline
 };
 
 }  // namespace nk
