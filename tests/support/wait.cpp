@@ -17,7 +17,7 @@ bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds tim
 
 bool wait_readable(int fd, std::chrono::milliseconds timeout) {
     pollfd p{fd, POLLIN, 0};
-    return ::poll(&p, 1, static_cast<int>(timeout.count())) == 1 && (p.revents & POLLIN);
+    return ::poll(&p, 1, static_cast<int>(timeout.count())) == 1 && (p.revents & (POLLIN | POLLHUP));
 }
 
 }  // namespace nk::test

@@ -11,7 +11,7 @@ using namespace std::chrono_literals;
 // Polls `done` until it holds or the deadline passes; true when it held.
 bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds timeout = 5s);
 
-// True when fd became readable within the time-out.
+// True when fd became readable (or hung up) within the time-out.
 bool wait_readable(int fd, std::chrono::milliseconds timeout = 5s);
 
 }  // namespace nk::test
