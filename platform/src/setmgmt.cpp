@@ -1,49 +1,351 @@
-// Minimal reader until the store lands.
 #include "nk/setmgmt.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
 
 #include "nk/constants.h"
+#include "nk/io.h"
+#include "nk/log.h"
 #include "nk/nkerrno.h"
 
+// Nothing reachable from getKey() may log: the log module reads its levels through it while
+// holding its own lock.
+
 namespace nk::setMgmt {
+
+namespace {
+
+constexpr const char* kValueName = ".value";
+constexpr const char* kLocksDir = ".locks";
+constexpr mode_t kDirMode = 0755;
+constexpr mode_t kFileMode = 0644;
+
+int fail(int err) {
+    nk::_set_nkerrno(err);
+    return -1;
+}
+
+bool is_root_key(std::string_view key) {
+    return key == "/";
+}
+
+std::string key_dir(const std::string& key) {
+    return is_root_key(key) ? root() : root() + key;
+}
+
+// mkdir -p: every missing directory on the way is created.
+bool make_dirs(const std::string& dir) {
+    for (std::size_t pos = dir.find('/', 1); pos != std::string::npos;
+         pos = dir.find('/', pos + 1)) {
+        if (::mkdir(dir.substr(0, pos).c_str(), kDirMode) != 0 && errno != EEXIST)
+            return false;
+    }
+    return ::mkdir(dir.c_str(), kDirMode) == 0 || errno == EEXIST;
+}
+
+bool read_all(int fd, std::string& out) {
+    out.clear();
+    char buf[4096];
+    for (;;) {
+        const ssize_t n = ::read(fd, buf, sizeof(buf));
+        if (n == 0)
+            return true;
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        out.append(buf, static_cast<std::size_t>(n));
+    }
+}
+
+bool write_all(int fd, std::string_view data) {
+    while (!data.empty()) {
+        const ssize_t n = ::write(fd, data.data(), data.size());
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        data.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return true;
+}
+
+// Readers see the old or the new file, never a partly written one.
+int replace_value(const std::string& dir, std::string_view value) {
+    std::string temp = dir + "/.value.XXXXXX";
+    nk::io::unique_fd fd(::mkostemp(temp.data(), O_CLOEXEC));
+    if (!fd)
+        return fail(errno);
+    const bool written =
+        ::fchmod(fd.get(), kFileMode) == 0 && write_all(fd.get(), value) && ::fsync(fd.get()) == 0;
+    fd.reset();
+    if (written && ::rename(temp.c_str(), (dir + "/" + kValueName).c_str()) == 0)
+        return 0;
+    const int err = errno;
+    ::unlink(temp.c_str());
+    return fail(err);
+}
+
+bool is_directory(const std::string& dir, const dirent& entry) {
+    if (entry.d_type == DT_DIR)
+        return true;
+    if (entry.d_type != DT_UNKNOWN)
+        return false;
+    struct stat st {};
+    return ::stat((dir + "/" + entry.d_name).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+struct DirCloser {
+    void operator()(DIR* d) const { ::closedir(d); }
+};
+
+// Lock files are named after the key with '/' and '%' escaped, so every key maps to one
+// flat name and locking never creates the key's directory.
+std::string lock_file(const std::string& key) {
+    std::string name;
+    for (const char c : key) {
+        if (c == '/' || c == '%') {
+            char hex[4];
+            std::snprintf(hex, sizeof(hex), "%%%02X", static_cast<unsigned char>(c));
+            name += hex;
+        } else {
+            name += c;
+        }
+    }
+    return root() + "/" + kLocksDir + "/" + name;
+}
+
+struct HeldLock {
+    nk::io::unique_fd fd;
+    int count = 0;
+};
+
+struct LockTable {
+    std::mutex mutex;
+    std::map<std::string, HeldLock> held;  // by lock file path
+};
+
+LockTable& locks() {
+    static LockTable table;
+    return table;
+}
+
+std::atomic<int> g_lock_timeout_ms{2000};
+
+// Counts one more hold when this process has the lock already.
+bool add_hold_if_held(const std::string& file) {
+    LockTable& t = locks();
+    const std::lock_guard guard(t.mutex);
+    const auto it = t.held.find(file);
+    if (it == t.held.end())
+        return false;
+    ++it->second.count;
+    return true;
+}
+
+void record_hold(const std::string& file, nk::io::unique_fd fd) {
+    LockTable& t = locks();
+    const std::lock_guard guard(t.mutex);
+    HeldLock& h = t.held[file];
+    if (h.count++ == 0)
+        h.fd = std::move(fd);
+}
+
+// Polls flock() until the deadline; another thread of this process taking the lock meanwhile
+// counts as success.
+int wait_for_lock(const std::string& file, nk::io::unique_fd fd) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(g_lock_timeout_ms.load());
+    auto pause = std::chrono::milliseconds(1);
+    for (;;) {
+        if (::flock(fd.get(), LOCK_EX | LOCK_NB) == 0) {
+            record_hold(file, std::move(fd));
+            return 0;
+        }
+        if (errno != EWOULDBLOCK && errno != EINTR)
+            return fail(errno);
+        if (add_hold_if_held(file))
+            return 0;
+        const auto now = Clock::now();
+        if (now >= deadline)
+            return fail(EWOULDBLOCK);
+        std::this_thread::sleep_for(std::min<Clock::duration>(pause, deadline - now));
+        pause = std::min(pause * 2, std::chrono::milliseconds(20));
+    }
+}
+
+}  // namespace
 
 std::string root() {
     const char* dir = std::getenv(kSettingsDirEnv);
     return (dir && *dir) ? dir : kSettingsDirDefault;
 }
 
-int getKey(const std::string& key, std::string& out) {
-    std::ifstream in(root() + key + "/.value");
-    if (!in) {
-        nk::_set_nkerrno(ENOENT);
-        return -1;
+bool is_valid_key(std::string_view key) {
+    if (key.empty() || key.front() != '/' || key.find('\0') != std::string_view::npos)
+        return false;
+    if (is_root_key(key))
+        return true;
+    std::size_t start = 1;
+    for (;;) {
+        const std::size_t end = key.find('/', start);
+        const std::string_view piece = key.substr(start, end - start);
+        if (piece.empty() || piece.front() == '.')
+            return false;
+        if (end == std::string_view::npos)
+            return true;
+        start = end + 1;
     }
-    std::stringstream ss;
-    ss << in.rdbuf();
-    out = ss.str();
+}
+
+int init() {
+    const std::string dir = root();
+    if (!make_dirs(dir) || ::access(dir.c_str(), W_OK) != 0) {
+        const int err = errno;
+        NK_LOG(log::ERROR, "settings root {} is not usable: {}", dir, std::strerror(err));
+        return fail(err);
+    }
+    return 0;
+}
+
+void uninit() {
+    LockTable& t = locks();
+    const std::lock_guard guard(t.mutex);
+    t.held.clear();
+}
+
+int getKey(const std::string& key, std::string& out) {
+    if (!is_valid_key(key))
+        return fail(EINVAL);
+    const std::string file = key_dir(key) + "/" + kValueName;
+    const nk::io::unique_fd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd)
+        return fail(errno == ENOTDIR ? ENOENT : errno);
+    std::string text;
+    if (!read_all(fd.get(), text))
+        return fail(errno);
+    out = std::move(text);
     return 0;
 }
 
 std::string getKeyValue(const std::string& key, const std::string& def) {
-    std::string v;
-    return getKey(key, v) < 0 ? def : v;
+    std::string value;
+    return getKey(key, value) < 0 ? def : value;
+}
+
+int setKey(const std::string& key, std::string_view value) {
+    if (!is_valid_key(key))
+        return fail(EINVAL);
+    const std::string dir = key_dir(key);
+    if (!make_dirs(dir))
+        return fail(errno);
+    return replace_value(dir, value);
+}
+
+// The key is first renamed to a hidden name next to it, so it vanishes at once for readers
+// and watchers, then its tree is removed.
+int deleteKey(const std::string& key) {
+    if (!is_valid_key(key) || is_root_key(key))
+        return fail(EINVAL);
+    const std::string dir = key_dir(key);
+    struct stat st {};
+    if (::lstat(dir.c_str(), &st) != 0)
+        return fail(errno == ENOTDIR ? ENOENT : errno);
+    std::string doomed = dir.substr(0, dir.rfind('/')) + "/.deleted.XXXXXX";
+    if (::mkdtemp(doomed.data()) == nullptr)
+        return fail(errno);
+    if (::rename(dir.c_str(), doomed.c_str()) != 0) {
+        const int err = errno;
+        ::rmdir(doomed.c_str());
+        return fail(err);
+    }
+    std::error_code ec;
+    std::filesystem::remove_all(doomed, ec);
+    return ec ? fail(ec.value()) : 0;
+}
+
+int enumSubkeys(const std::string& key, std::vector<std::string>& out) {
+    if (!is_valid_key(key))
+        return fail(EINVAL);
+    const std::string dir = key_dir(key);
+    const std::unique_ptr<DIR, DirCloser> d(::opendir(dir.c_str()));
+    if (!d)
+        return fail(errno == ENOTDIR ? ENOENT : errno);
+    std::vector<std::string> names;
+    while (const dirent* entry = ::readdir(d.get())) {
+        if (entry->d_name[0] != '.' && is_directory(dir, *entry))
+            names.emplace_back(entry->d_name);
+    }
+    std::sort(names.begin(), names.end());
+    out = std::move(names);
+    return static_cast<int>(out.size());
+}
+
+int lockKey(const std::string& key) {
+    if (!is_valid_key(key))
+        return fail(EINVAL);
+    const std::string file = lock_file(key);
+    if (add_hold_if_held(file))
+        return 0;
+    if (!make_dirs(root() + "/" + kLocksDir))
+        return fail(errno);
+    nk::io::unique_fd fd(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode));
+    if (!fd)
+        return fail(errno);
+    return wait_for_lock(file, std::move(fd));
+}
+
+int unlockKey(const std::string& key) {
+    if (!is_valid_key(key))
+        return fail(EINVAL);
+    LockTable& t = locks();
+    const std::lock_guard guard(t.mutex);
+    const auto it = t.held.find(lock_file(key));
+    if (it == t.held.end())
+        return fail(EPERM);
+    // Closing the last descriptor releases the flock.
+    if (--it->second.count == 0)
+        t.held.erase(it);
+    return 0;
+}
+
+void set_lock_timeout_ms(int ms) {
+    g_lock_timeout_ms = std::max(ms, 0);
 }
 
 }  // namespace nk::setMgmt
 
 namespace nk {
+
 path path::operator/(std::string_view piece) const {
     path p(*this);
     p /= piece;
     return p;
 }
+
 path& path::operator/=(std::string_view piece) {
-    if (key_.empty() || key_.back() != '/') key_.push_back('/');
+    if (key_.empty() || key_.back() != '/')
+        key_.push_back('/');
     key_.append(piece);
     return *this;
 }
+
 }  // namespace nk

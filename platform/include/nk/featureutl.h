@@ -11,9 +11,10 @@ void uninit();
 int get_feature(int feature);
 // Readable when a feature's value may have changed.
 int get_fd();
-// Drains the descriptor and calls the callback of every feature whose value changed.
+// Drains the descriptor and calls the callback of every feature whose value changed since
+// it was last seen; the number of callbacks called, or -1 before init().
 int read_fd();
-// 0 on success; -1 before init().
+// 0 on success; -1 before init(). An empty callback removes the feature's one.
 int set_on_feature_change(int feature, std::function<void(int)> callback);
 
 }  // namespace nk::featureutl
