@@ -1,19 +1,72 @@
-// The nkset command line: exit statuses, output, watching and locking.
+// The nkset command line: exit statuses, output, watching, and holding a lock for a test.
+#include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
+#include <nk/nkerrno.h>
 #include <nk/setmgmt.h>
 
-#include "daemon_process.h"
 #include "temp_dir.h"
+#include "wait.h"
+
+extern char** environ;
 
 namespace {
 
 namespace sm = nk::setMgmt;
+using namespace std::chrono_literals;
+
+std::string read_file(const std::string& name) {
+    std::stringstream text;
+    text << std::ifstream(name).rdbuf();
+    return text.str();
+}
+
+// nkset running in the background with its stdout in a file; killed and reaped if the test
+// ends early.
+class Background {
+public:
+    Background(std::vector<std::string> args, const std::string& out) {
+        std::vector<char*> argv{const_cast<char*>(NK_NKSET_BIN)};
+        for (std::string& arg : args)
+            argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+        if (::posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0)
+            pid_ = 0;
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    ~Background() {
+        if (pid_ > 0)
+            stop(SIGKILL);
+    }
+    Background(const Background&) = delete;
+    Background& operator=(const Background&) = delete;
+
+    bool running() const { return pid_ > 0; }
+    int stop(int sig) {
+        ::kill(pid_, sig);
+        return wait();
+    }
+    int wait() {
+        int status = 0;
+        ::waitpid(std::exchange(pid_, 0), &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+private:
+    pid_t pid_ = 0;
+};
 
 class NksetTest : public ::testing::Test {
 protected:
@@ -22,11 +75,8 @@ protected:
         const std::string err_file = dir_ / "stderr";
         const int rc =
             nk::test::run_command(std::string(NK_NKSET_BIN) + " " + args + " 2>" + err_file, out);
-        if (err) {
-            std::stringstream text;
-            text << std::ifstream(err_file).rdbuf();
-            *err = text.str();
-        }
+        if (err)
+            *err = read_file(err_file);
         return rc;
     }
 
@@ -88,22 +138,48 @@ TEST_F(NksetTest, SettingsOptionWinsOverTheEnvironment) {
 }
 
 TEST_F(NksetTest, WatchPrintsEachChangeUntilStopped) {
+    const std::string out = dir_ / "watch.out";
+    const auto printed = [&out](const std::string& text) {
+        return nk::test::wait_until([&] { return read_file(out) == text; });
+    };
     for (const int sig : {SIGINT, SIGTERM}) {
         SCOPED_TRACE(sig);
         sm::deleteKey("/w");  // left by the previous round
-        nk::test::DaemonProcess watch;
-        ASSERT_TRUE(watch.start({"/bin/sh", "-c", "exec \"$0\" watch /w 1>&2", NK_NKSET_BIN}));
-        ASSERT_TRUE(watch.wait_for_line("/w"));  // armed, the key has no value yet
+        Background watch({"watch", "/w"}, out);
+        ASSERT_TRUE(watch.running());
+        ASSERT_TRUE(printed("/w\n"));  // armed, the key has no value yet
         ASSERT_EQ(sm::setKey("/w", "one"), 0);
-        ASSERT_TRUE(watch.wait_for_line("/w=one"));
+        ASSERT_TRUE(printed("/w\n/w=one\n"));
         // Rewriting the same value prints nothing.
-        for (const char* value : {"one", "two"}) {
+        for (const char* value : {"one", "two"})
             ASSERT_EQ(sm::setKey("/w", value), 0);
-        }
-        ASSERT_TRUE(watch.wait_for_line("/w=two"));
-        EXPECT_EQ(watch.count_lines("/w=one"), 1);
+        EXPECT_TRUE(printed("/w\n/w=one\n/w=two\n")) << read_file(out);
         EXPECT_EQ(watch.stop(sig), 0);
     }
+}
+
+TEST_F(NksetTest, LockHeldByAnotherProcessIsRefusedThenGranted) {
+    const std::string held = dir_ / "held";
+    const std::string release = dir_ / "release";
+    // The holder gives up by itself after about ten seconds, should the test stop early.
+    Background holder({"lock", "/k", "/bin/sh", "-c",
+                       "touch \"$0\"; i=0; while [ ! -e \"$1\" ] && [ $i -lt 1000 ]; do "
+                       "sleep 0.01; i=$((i+1)); done",
+                       held, release},
+                      "/dev/null");
+    ASSERT_TRUE(nk::test::wait_until([&] { return std::filesystem::exists(held); }));
+
+    sm::set_lock_timeout_ms(150);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_LT(sm::lockKey("/k"), 0);
+    EXPECT_EQ(nkerrno, EWOULDBLOCK);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 150ms);
+    sm::set_lock_timeout_ms(2000);
+
+    std::ofstream{release};
+    EXPECT_EQ(holder.wait(), 0);
+    EXPECT_EQ(sm::lockKey("/k"), 0);
+    EXPECT_EQ(sm::unlockKey("/k"), 0);
 }
 
 }  // namespace
