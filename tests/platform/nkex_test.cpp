@@ -1,1 +1,390 @@
+#include "nk/nkex.h"
+
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "temp_dir.h"
+#include "test_broker.h"
+#include "wait.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using nk::test::ScopedEnv;
+using nk::test::wait_until;
+
+struct Received {
+    std::string name;
+    std::string data;
+    uint64_t id;
+};
+
+std::string payload(const Message& m) {
+    return m.data ? std::string(m.data, m.length) : "";
+}
+
+// A bus client that records what it receives and, when told to, answers every request
+// with a status and "re:" + the request data.
+class Peer {
+public:
+    explicit Peer(const std::string& name, const std::vector<const char*>& topics = {}) {
+        handle_ = nkex_init(name.c_str(), &Peer::on_message, this, 1);
+        if (handle_ && !topics.empty()) {
+            EXPECT_EQ(nkex_subscribe(handle_, topics.data(), topics.size()), 0);
+        }
+    }
+    ~Peer() { nkex_uninit(handle_.load()); }
+    nkex_handle* handle() const { return handle_; }
+    void answer_with(int status) { answer_status_ = status; }
+
+    std::vector<Received> received() const {
+        const std::lock_guard lock(mutex_);
+        return received_;
+    }
+    bool got(const std::string& data) const {
+        return wait_until([&] {
+            for (const Received& r : received()) {
+                if (r.data == data)
+                    return true;
+            }
+            return false;
+        });
+    }
+
+private:
+    static void on_message(const Message* m, void* context) {
+        auto* self = static_cast<Peer*>(context);
+        {
+            const std::lock_guard lock(self->mutex_);
+            self->received_.push_back({m->name, payload(*m), m->id});
+        }
+        const int status = self->answer_status_;
+        if (status != kSilent && m->id != 0) {
+            const std::string answer = "re:" + payload(*m);
+            EXPECT_EQ(
+                nkex_send_response(self->handle_, status, m->id, answer.data(), answer.size()), 0);
+        }
+    }
+
+    static constexpr int kSilent = INT_MIN;
+    std::atomic<nkex_handle*> handle_{nullptr};
+    std::atomic<int> answer_status_{kSilent};
+    mutable std::mutex mutex_;
+    std::vector<Received> received_;
+};
+
+// Status and data of a synchronous request, or nothing when it failed.
+std::optional<std::pair<std::string, std::string>> ask(nkex_handle* h, const char* name,
+                                                       const std::string& data) {
+    Message request{};
+    std::snprintf(request.name, sizeof(request.name), "%s", name);
+    request.data = data.data();
+    request.length = data.size();
+    Message* response = nullptr;
+    if (nkex_send_request_and_wait_response(h, &request, &response) != 0)
+        return std::nullopt;
+    std::pair<std::string, std::string> out{response->status, payload(*response)};
+    nkex_free_response(response);
+    return out;
+}
+
+struct AsyncAnswer {
+    std::mutex mutex;
+    int calls = 0;
+    std::string status;
+    std::string data;
+
+    static void record(void* context, const Message* m) {
+        auto* self = static_cast<AsyncAnswer*>(context);
+        const std::lock_guard lock(self->mutex);
+        ++self->calls;
+        self->status = m->status;
+        self->data = payload(*m);
+    }
+    int count() {
+        const std::lock_guard lock(mutex);
+        return calls;
+    }
+};
+
+class NkexTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(broker_.start()); }
+
+    nk::test::TestBroker broker_;
+    ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
+    ScopedEnv timeout_env_{"NKEX_TIMEOUT_MS", "3000"};
+};
+
+TEST(NkexConfig, BadAddressesAndNamesAreRefused) {
+    const ScopedEnv timeout("NKEX_TIMEOUT_MS", std::nullopt);
+    for (const char* address : {"unix:", "tcp:localhost", "tcp::1883", "tcp:h:0", "tcp:h:70000",
+                                "tcp:h:12x", "udp:h:1", "/run/x.sock"}) {
+        const ScopedEnv env("NKEX_BROKER", std::string(address));
+        EXPECT_EQ(nkex_init("client", nullptr, nullptr, 1), nullptr) << address;
+    }
+    const std::string too_long(NKEX_NAME_MAX, 'n');
+    for (const char* name :
+         {static_cast<const char*>(nullptr), "", "a/+", "#", too_long.c_str(), "bad\xff"}) {
+        EXPECT_EQ(nkex_init(name, nullptr, nullptr, 1), nullptr);
+    }
+}
+
+TEST_F(NkexTest, InitFailsWithoutBroker) {
+    broker_.stop();
+    EXPECT_EQ(nkex_init("lonely", nullptr, nullptr, 1), nullptr);
+}
+
+TEST_F(NkexTest, EventsReachEverySubscriberAndNoOther) {
+    Peer a("a", {"cloud::connect/box_mgmt/connect_device"});
+    Peer b("b", {"cloud::connect/box_mgmt/connect_device", "other"});
+    Peer c("c", {"other"});
+    Peer sender("sender");
+    ASSERT_TRUE(a.handle() && b.handle() && c.handle() && sender.handle());
+
+    const std::string data("x\0y", 3);
+    EXPECT_EQ(nkex_send_message(sender.handle(), "cloud::connect/box_mgmt/connect_device",
+                                data.data(), data.size()),
+              0);
+    EXPECT_EQ(nkex_send_message(sender.handle(), "other", "marker", 6), 0);
+    ASSERT_TRUE(a.got(data) && b.got("marker") && c.got("marker"));
+
+    const Received first = b.received().front();
+    EXPECT_EQ(first.name, "cloud::connect/box_mgmt/connect_device");
+    EXPECT_EQ(first.data, data);
+    EXPECT_EQ(first.id, 0u);
+    // "marker" came after the event from the same sender: c would have had the event by now.
+    ASSERT_EQ(c.received().size(), 1u);
+    EXPECT_EQ(a.received().size(), 1u);
+}
+
+TEST_F(NkexTest, EventsSentJustBeforeUninitArrive) {
+    Peer sink("sink", {"burst"});
+    ASSERT_TRUE(sink.handle());
+    {
+        Peer sender("sender");
+        for (int i = 0; i < 50; ++i) {
+            const std::string data = std::to_string(i);
+            ASSERT_EQ(nkex_send_message(sender.handle(), "burst", data.data(), data.size()), 0);
+        }
+    }
+    EXPECT_TRUE(sink.got("49"));
+    EXPECT_EQ(sink.received().size(), 50u);
+}
+
+TEST_F(NkexTest, SendRejectsBadNames) {
+    Peer p("p");
+    ASSERT_TRUE(p.handle());
+    const std::string too_long(NKEX_NAME_MAX, 'n');
+    for (const char* name : {static_cast<const char*>(nullptr), "", "a/+", "#", too_long.c_str()}) {
+        EXPECT_NE(nkex_send_message(p.handle(), name, "x", 1), 0);
+        EXPECT_NE(nkex_send_request(p.handle(), name, "x", 1, &AsyncAnswer::record, nullptr), 0);
+    }
+    const char* names[] = {"ok", ""};
+    EXPECT_NE(nkex_subscribe(p.handle(), names, 2), 0);
+}
+
+TEST_F(NkexTest, RequestsAreAnsweredWithTheResponderStatus) {
+    Peer responder("responder", {"request_device_id"});
+    Peer requester("requester");
+    ASSERT_TRUE(responder.handle() && requester.handle());
+    const struct {
+        int status;
+        const char* text;
+    } cases[] = {{0, "0"}, {7, "7"}, {-22, "-22"}};
+    for (const auto& c : cases) {
+        responder.answer_with(c.status);
+        const auto answer = ask(requester.handle(), "request_device_id", std::string("q\0", 2));
+        ASSERT_TRUE(answer) << c.status;
+        EXPECT_EQ(answer->first, c.text);
+        EXPECT_EQ(answer->second, std::string("re:q\0", 5));
+    }
+    EXPECT_NE(responder.received().front().id, 0u);
+}
+
+TEST_F(NkexTest, ConcurrentRequestersGetTheirOwnAnswers) {
+    Peer responder("responder", {"svc"});
+    responder.answer_with(0);
+    Peer one("one");
+    Peer two("two");
+    ASSERT_TRUE(responder.handle() && one.handle() && two.handle());
+    std::atomic<int> good{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        nkex_handle* h = (t % 2 ? one : two).handle();
+        threads.emplace_back([h, t, &good] {
+            for (int i = 0; i < 25; ++i) {
+                const std::string q = std::to_string(t) + "/" + std::to_string(i);
+                const auto answer = ask(h, "svc", q);
+                if (answer && answer->first == "0" && answer->second == "re:" + q)
+                    ++good;
+            }
+        });
+    }
+    for (std::thread& t : threads)
+        t.join();
+    EXPECT_EQ(good, 100);
+}
+
+TEST_F(NkexTest, AsyncRequestIsAnsweredOnce) {
+    Peer responder("responder", {"svc"});
+    responder.answer_with(3);
+    AsyncAnswer answer;
+    {
+        Peer requester("requester");
+        ASSERT_EQ(
+            nkex_send_request(requester.handle(), "svc", "hi", 2, &AsyncAnswer::record, &answer),
+            0);
+        ASSERT_TRUE(wait_until([&] { return answer.count() > 0; }));
+    }
+    EXPECT_EQ(answer.calls, 1);
+    EXPECT_EQ(answer.status, "3");
+    EXPECT_EQ(answer.data, "re:hi");
+}
+
+TEST_F(NkexTest, UnansweredRequestsTimeOut) {
+    const ScopedEnv timeout("NKEX_TIMEOUT_MS", std::string("300"));
+    Peer silent("silent", {"svc"});
+    AsyncAnswer answer;
+    {
+        Peer requester("requester");
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_FALSE(ask(requester.handle(), "svc", "sync"));
+        const auto waited = std::chrono::steady_clock::now() - start;
+        EXPECT_GE(waited, 300ms);
+        EXPECT_LT(waited, 2s);
+
+        ASSERT_EQ(
+            nkex_send_request(requester.handle(), "svc", "async", 5, &AsyncAnswer::record, &answer),
+            0);
+        ASSERT_TRUE(wait_until([&] { return answer.count() > 0; }));
+    }
+    EXPECT_EQ(answer.calls, 1);
+    EXPECT_EQ(answer.status, NKEX_STATUS_TIMEOUT);
+    EXPECT_EQ(answer.data, "");
+    EXPECT_TRUE(silent.got("async"));
+}
+
+TEST_F(NkexTest, UninitGivesPendingRequestsTheirOneCall) {
+    AsyncAnswer answer;
+    {
+        Peer requester("requester");
+        ASSERT_EQ(nkex_send_request(requester.handle(), "nobody", nullptr, 0, &AsyncAnswer::record,
+                                    &answer),
+                  0);
+    }
+    EXPECT_EQ(answer.calls, 1);
+    EXPECT_EQ(answer.status, NKEX_STATUS_TIMEOUT);
+}
+
+TEST_F(NkexTest, LateAndUnknownAnswersAreDropped) {
+    const ScopedEnv timeout("NKEX_TIMEOUT_MS", std::string("300"));
+    Peer responder("responder", {"svc"});
+    Peer requester("requester");
+    ASSERT_TRUE(responder.handle() && requester.handle());
+    EXPECT_FALSE(ask(requester.handle(), "svc", "late"));
+    ASSERT_TRUE(responder.got("late"));
+    const uint64_t id = responder.received().front().id;
+    EXPECT_EQ(nkex_send_response(responder.handle(), 0, id, "stale", 5), 0);
+    EXPECT_NE(nkex_send_response(responder.handle(), 0, id, "again", 5), 0);
+    EXPECT_NE(nkex_send_response(responder.handle(), 0, id + 1000, "unknown", 7), 0);
+
+    responder.answer_with(0);
+    const auto answer = ask(requester.handle(), "svc", "fresh");
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->second, "re:fresh");
+}
+
+TEST_F(NkexTest, SyncRequestFromTheBusThreadIsRefused) {
+    struct Probe {
+        nkex_handle* handle = nullptr;
+        std::atomic<int> rc{1};
+    } probe;
+    probe.handle = nkex_init(
+        "probe",
+        [](const Message*, void* context) {
+            auto* p = static_cast<Probe*>(context);
+            Message request{};
+            std::snprintf(request.name, sizeof(request.name), "nobody");
+            Message* response = nullptr;
+            p->rc = nkex_send_request_and_wait_response(p->handle, &request, &response);
+        },
+        &probe, 1);
+    ASSERT_TRUE(probe.handle);
+    const char* topics[] = {"poke"};
+    ASSERT_EQ(nkex_subscribe(probe.handle, topics, 1), 0);
+    ASSERT_EQ(nkex_send_message(probe.handle, "poke", nullptr, 0), 0);
+    EXPECT_TRUE(wait_until([&] { return probe.rc != 1; }, 1s));
+    EXPECT_EQ(probe.rc, -1);
+    nkex_uninit(probe.handle);
+}
+
+TEST_F(NkexTest, SessionKeepsEventsForAnAbsentSubscriber) {
+    Peer sender("sender");
+    ASSERT_TRUE(sender.handle());
+    {
+        Peer away("away", {"ev"});
+        ASSERT_TRUE(away.handle());
+    }
+    ASSERT_EQ(nkex_send_message(sender.handle(), "ev", "while-away", 10), 0);
+    Peer back("away");  // same client id, no new subscription
+    EXPECT_TRUE(back.got("while-away"));
+}
+
+TEST_F(NkexTest, BrokerRestartIsSurvived) {
+    Peer a("a", {"ev", "self-a"});
+    Peer b("b", {"svc", "self-b"});
+    b.answer_with(0);
+    ASSERT_TRUE(a.handle() && b.handle());
+
+    broker_.stop();
+    // Sent while the broker is down: kept by the client and sent after the subscriptions
+    // are made again, so each client gets its own message back.
+    EXPECT_EQ(nkex_send_message(a.handle(), "self-a", "queued-a", 8), 0);
+    EXPECT_EQ(nkex_send_message(b.handle(), "self-b", "queued-b", 8), 0);
+    ASSERT_TRUE(broker_.start());
+    ASSERT_TRUE(a.got("queued-a"));
+    ASSERT_TRUE(b.got("queued-b"));
+
+    EXPECT_EQ(nkex_send_message(b.handle(), "ev", "after", 5), 0);
+    EXPECT_TRUE(a.got("after"));
+    const auto answer = ask(a.handle(), "svc", "again");
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->second, "re:again");
+}
+
+TEST_F(NkexTest, CommandLineClientsTalkToTheBus) {
+    Peer peer("peer", {"#"});
+    peer.answer_with(5);
+    ASSERT_TRUE(peer.handle());
+    const std::string cli = "--unix " + broker_.socket_path() + " -V 5 ";
+    const std::string long_name(300, 'n');
+    ASSERT_EQ(nk::test::run_command("mosquitto_pub " + cli + "-q 1 -t nkex/msg/ev -m hi"), 0);
+    ASSERT_EQ(nk::test::run_command("mosquitto_pub " + cli + "-q 1 -t nkex/msg/" + long_name +
+                                    " -m long"),
+              0);
+    std::string out;
+    ASSERT_EQ(
+        nk::test::run_command(
+            "mosquitto_rr " + cli + "-W 5 -t nkex/msg/svc -e nkex/rsp/cli -m ask -F '%P %p'", &out),
+        0);
+    EXPECT_EQ(out, "status:5 re:ask\n");
+
+    ASSERT_TRUE(peer.got("long"));
+    const std::vector<Received> got = peer.received();
+    EXPECT_EQ(got[0].name, "ev");
+    EXPECT_EQ(got[0].id, 0u);
+    EXPECT_EQ(got[1].name, std::string(NKEX_NAME_MAX - 1, 'n'));
+}
+
+}  // namespace

@@ -38,9 +38,11 @@ typedef void (*nkex_msg_callback_t)(const Message* message, void* context);
 typedef void (*nkex_response_callback_t)(void* context, const Message* response);
 
 /* Connects as client `name` (waiting up to 2 s for the first connection, then reconnecting by
- * itself). `context` is handed to `callback`; `flags` is reserved (pass 1). Null on failure. */
+ * itself). `context` is handed to `callback`; `flags` is reserved (pass 1). Null on failure.
+ * Messages the broker kept for this client id may reach `callback` before this returns. */
 nkex_handle* nkex_init(const char* name, nkex_msg_callback_t callback, void* context, int flags);
-/* Non-zero when a subscription could not be made now; it is made again on every connect. */
+/* Waits (up to NKEX_TIMEOUT_MS) for the broker to confirm. Non-zero when a subscription could
+ * not be made now; it is made again on every connect. */
 int nkex_subscribe(nkex_handle* handle, const char* const* names, size_t count);
 /* An event: no answer. 0 on success (queued when disconnected). */
 int nkex_send_message(nkex_handle* handle, const char* name, const void* data, size_t length);
@@ -55,7 +57,10 @@ int nkex_send_request_and_wait_response(nkex_handle* handle, const Message* requ
 /* Answers a received request by its id; `status` becomes the status text ("0" for 0). */
 int nkex_send_response(nkex_handle* handle, int status, uint64_t request_id, const void* data,
                        size_t length);
+/* Only for the answers of nkex_send_request_and_wait_response. */
 void nkex_free_response(Message* response);
+/* Waits briefly for the broker to acknowledge what was sent, disconnects, and calls the
+ * callbacks of asynchronous requests still waiting, with status "110". Not from a callback. */
 void nkex_uninit(nkex_handle* handle);
 
 #ifdef __cplusplus
