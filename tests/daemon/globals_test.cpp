@@ -1,0 +1,110 @@
+// Tunables read from a real settings store, and feature flags following the store.
+#include "globals.h"
+
+#include <gtest/gtest.h>
+
+#include <nk/featureutl.h>
+#include <nk/setmgmt.h>
+
+#include "temp_dir.h"
+
+namespace {
+
+class GlobalsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(nk::setMgmt::init(), 0);
+        ASSERT_EQ(nk::featureutl::init(), 0);
+    }
+    void TearDown() override {
+        uninit_globals();
+        nk::featureutl::uninit();
+        nk::setMgmt::uninit();
+    }
+    void set(const std::string& key, const std::string& value) {
+        ASSERT_EQ(nk::setMgmt::setKey(key, value), 0);
+    }
+
+    nk::test::TempDir dir_;
+    nk::test::ScopedEnv env_{"NK_SETTINGS_DIR", dir_.path()};
+};
+
+TEST_F(GlobalsTest, EmptyStoreGivesEveryDefault) {
+    ASSERT_TRUE(init_globals());
+    EXPECT_EQ(g_retry_interval.size(), 7u);
+    EXPECT_EQ(g_retry_interval["default"], 5);
+    EXPECT_EQ(g_retry_interval["add_device_to_cloud"], 180);
+    EXPECT_EQ(g_retry_interval["update_box_detected_name"], 180);
+    EXPECT_EQ(g_retry_interval["send_onbox_to_cloud"], 30);
+    EXPECT_EQ(g_retry_interval["subprocess_respawn_frequency"], 10);
+    EXPECT_EQ(g_retry_interval["subprocess_respawn_threshold"], 3600);
+    EXPECT_EQ(g_retry_interval["subprocess_respawn_retries"], 5);
+    EXPECT_EQ(g_avahi_flush_interval, 28800);
+    EXPECT_EQ(g_upnp_submission_interval, 600);
+    EXPECT_EQ(g_netbios_max_cache_size, 10);
+    EXPECT_EQ(g_sync_retry_interval, 600);
+    EXPECT_EQ(g_sync_poll_interval, 60);
+    EXPECT_TRUE(g_feature_additional_info);
+    EXPECT_TRUE(g_feature_onbox_status);
+    ASSERT_TRUE(g_device_info_sync_timer.has_value());
+    EXPECT_GE(g_device_info_sync_timer->fd(), 0);
+}
+
+TEST_F(GlobalsTest, StoreValuesOverrideDefaults) {
+    set("/daemons/nkdevicediscovery/retry_interval", "7");
+    set("/daemons/nkcloudd/retry_interval/update_name", "90");
+    set("/daemons/nkdevicediscovery/subprocess_respawn_retries", "2");
+    set("/daemons/nkdevicediscovery/avahi_max_cache_size", "3");
+    set("/daemons/nkdevicediscovery/sync_poll_interval", "15");
+    set("/daemons/nkcloudd/device_id", "box-1");
+    set("/features/ids/0", "1");
+    ASSERT_TRUE(init_globals());
+    EXPECT_EQ(g_retry_interval["default"], 7);
+    EXPECT_EQ(g_retry_interval["update_box_detected_name"], 90);
+    EXPECT_EQ(g_retry_interval["subprocess_respawn_retries"], 2);
+    EXPECT_EQ(g_retry_interval["send_onbox_to_cloud"], 30);
+    EXPECT_EQ(g_avahi_max_cache_size, 3);
+    EXPECT_EQ(g_sync_poll_interval, 15);
+    EXPECT_EQ(g_device_id, "box-1");
+    EXPECT_FALSE(g_feature_additional_info);
+    EXPECT_TRUE(g_feature_onbox_status);
+}
+
+TEST_F(GlobalsTest, AddDeviceToCloudIsTheLongerNeighbourExpiry) {
+    struct Case {
+        const char* v4;
+        const char* v6;
+        int expected;
+    };
+    for (const Case& c : {Case{"60", "300", 300}, Case{"400", "300", 400}, Case{"", "500", 500},
+                          Case{"junk", "", 180}}) {
+        nk::setMgmt::deleteKey("/daemons");
+        if (*c.v4) set(g_neigh_expiry_time_key, c.v4);
+        if (*c.v6) set(g_neigh_expiry_time_v6_key, c.v6);
+        ASSERT_TRUE(init_globals());
+        EXPECT_EQ(g_retry_interval["add_device_to_cloud"], c.expected) << c.v4 << "/" << c.v6;
+    }
+}
+
+TEST_F(GlobalsTest, UninitDropsTimerAndIntervals) {
+    ASSERT_TRUE(init_globals());
+    EXPECT_TRUE(uninit_globals());
+    EXPECT_FALSE(g_device_info_sync_timer.has_value());
+    EXPECT_TRUE(g_retry_interval.empty());
+}
+
+TEST_F(GlobalsTest, FeatureChangeFlipsOnlyItsFlag) {
+    ASSERT_TRUE(init_globals());
+    set("/features/ids/1", "1");
+    handle_feature_change(1);
+    EXPECT_FALSE(g_feature_onbox_status);
+    EXPECT_TRUE(g_feature_additional_info);
+    set("/features/ids/1", "0");
+    set("/features/ids/7", "1");
+    handle_feature_change(1);
+    handle_feature_change(7);
+    EXPECT_TRUE(g_feature_onbox_status);
+    EXPECT_TRUE(g_feature_additional_info);
+}
+
+}  // namespace

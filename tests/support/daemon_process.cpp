@@ -1,0 +1,107 @@
+#include "daemon_process.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "wait.h"
+
+namespace nk::test {
+
+DaemonProcess::~DaemonProcess() {
+    if (pid_ > 0) stop(SIGKILL);
+    if (reader_.joinable()) reader_.join();
+}
+
+bool DaemonProcess::start(const std::vector<std::string>& argv) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) return false;
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        ::close(fds[0]);
+        ::close(fds[1]);
+        return false;
+    }
+    if (pid == 0) {
+        ::dup2(fds[1], STDERR_FILENO);
+        ::execv(args[0], args.data());
+        ::_exit(127);
+    }
+    ::close(fds[1]);
+    pid_ = pid;
+    reader_ = std::thread([this, fd = fds[0]] { read_loop(fd); });
+    return true;
+}
+
+void DaemonProcess::read_loop(int fd) {
+    std::string partial;
+    char buf[4096];
+    for (;;) {
+        const ssize_t n = ::read(fd, buf, sizeof(buf));
+        if (n <= 0) break;
+        partial.append(buf, static_cast<size_t>(n));
+        size_t nl = 0;
+        std::lock_guard lock(mutex_);
+        while ((nl = partial.find('\n')) != std::string::npos) {
+            lines_.push_back(partial.substr(0, nl));
+            std::fputs((partial.substr(0, nl + 1)).c_str(), stderr);  // keep it in the test log
+            partial.erase(0, nl + 1);
+        }
+        changed_.notify_all();
+    }
+    ::close(fd);
+    std::lock_guard lock(mutex_);
+    if (!partial.empty()) lines_.push_back(partial);
+    eof_ = true;
+    changed_.notify_all();
+}
+
+bool DaemonProcess::wait_for_line(const std::string& text, std::chrono::milliseconds timeout) {
+    std::unique_lock lock(mutex_);
+    size_t checked = 0;
+    return changed_.wait_for(lock, timeout, [&] {
+        for (; checked < lines_.size(); ++checked) {
+            if (lines_[checked].find(text) != std::string::npos) return true;
+        }
+        return eof_;
+    }) && checked < lines_.size();
+}
+
+int DaemonProcess::count_lines(const std::string& text) {
+    std::lock_guard lock(mutex_);
+    int n = 0;
+    for (const std::string& line : lines_) n += line.find(text) != std::string::npos ? 1 : 0;
+    return n;
+}
+
+std::string DaemonProcess::log() {
+    std::lock_guard lock(mutex_);
+    std::string all;
+    for (const std::string& line : lines_) all += line + "\n";
+    return all;
+}
+
+int DaemonProcess::stop(int signal, std::chrono::milliseconds timeout) {
+    if (pid_ <= 0) return -1;
+    ::kill(pid_, signal);
+    return wait_exit(timeout);
+}
+
+int DaemonProcess::wait_exit(std::chrono::milliseconds timeout) {
+    if (pid_ <= 0) return -1;
+    int status = 0;
+    if (!wait_until([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout)) {
+        return -1;
+    }
+    pid_ = 0;
+    if (reader_.joinable()) reader_.join();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace nk::test
