@@ -83,7 +83,7 @@ namespace nk::leases {
 // Where lease files live on the supported routers; read by the collector, never by the daemon.
 inline constexpr std::string_view kLeaseDirs[] = {"/nvram", "/tmp", "/var/etc", "/var/run"};
 inline constexpr std::string_view kLeaseFiles[] = {
-    "dhcp.leases", "dhcpd.leases", "dnsmasq.leases", "dnsmasq_dhcps.leases",
+    "dhcp.leases", "dhcpd.leases",  "dnsmasq.leases", "dnsmasq_dhcps.leases",
     "leasefile",   "udhcpd.leases", "udhcpd_clients"};
 
 }  // namespace nk::leases

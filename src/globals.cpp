@@ -11,7 +11,9 @@ namespace {
 constexpr const char* kDiscoveryKeys = "/daemons/nkdevicediscovery";
 constexpr const char* kCloudKeys = "/daemons/nkcloudd";
 
-int read_tunable(const nk::path& key, int def) { return nk::setMgmt::getKeyValue(key.str(), def); }
+int read_tunable(const nk::path& key, int def) {
+    return nk::setMgmt::getKeyValue(key.str(), def);
+}
 
 // The subprocess entries are named after the last piece of their keys.
 void read_named_tunable(std::string_view name, int def) {
@@ -20,8 +22,7 @@ void read_named_tunable(std::string_view name, int def) {
 
 void read_retry_intervals() {
     g_retry_interval.clear();
-    g_retry_interval["default"] =
-        read_tunable(nk::path(kDiscoveryKeys) / "retry_interval", 5);
+    g_retry_interval["default"] = read_tunable(nk::path(kDiscoveryKeys) / "retry_interval", 5);
     // A cloud connection is retried no sooner than the longer neighbour expiry.
     const int expiry_v4 = read_tunable(g_neigh_expiry_time_key, 180);
     const int expiry_v6 = read_tunable(g_neigh_expiry_time_v6_key, 120);
@@ -71,12 +72,24 @@ const nk::path g_neigh_expiry_time_v6_key("/daemons/nkdevicediscovery/neigh_expi
 std::atomic<bool> g_feature_additional_info{false};
 std::atomic<bool> g_feature_onbox_status{false};
 
-const std::vector<std::string> g_cloud_fields = {
-    "device_os",    "device_os_version", "device_type",           "device_model",
-    "macs",         "apps",              "box_detected_name",     "device_detection_name",
-    "display_name", "traffic",           "mac_vendor",            "profile_id",
-    "scan_level",   "friendly_name",     "upnp_enabled",          "box_device_id",
-    "onbox",        "created"};
+const std::vector<std::string> g_cloud_fields = {"device_os",
+                                                 "device_os_version",
+                                                 "device_type",
+                                                 "device_model",
+                                                 "macs",
+                                                 "apps",
+                                                 "box_detected_name",
+                                                 "device_detection_name",
+                                                 "display_name",
+                                                 "traffic",
+                                                 "mac_vendor",
+                                                 "profile_id",
+                                                 "scan_level",
+                                                 "friendly_name",
+                                                 "upnp_enabled",
+                                                 "box_device_id",
+                                                 "onbox",
+                                                 "created"};
 const std::vector<std::string> g_additional_cloud_fields = {"box_detected_name_history"};
 
 std::string g_device_id;

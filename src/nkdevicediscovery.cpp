@@ -83,7 +83,8 @@ struct Loop {
 
 bool make_loop_timer(Unwinder& unwind, int& fd) {
     fd = nk::time::timer_init(nk::time::TIMER_LOOP);
-    if (fd < 0) return false;
+    if (fd < 0)
+        return false;
     unwind.push([&fd] {
         nk::time::timer_uninit(fd);
         fd = -1;
@@ -154,8 +155,8 @@ bool start_timers(LoopTimers& t) {
     nk::time::timer_start(t.avahi_flush, g_avahi_flush_interval, g_avahi_flush_interval, false);
     nk::time::timer_start(t.netbios_flush, g_netbios_flush_interval, g_netbios_flush_interval,
                           false);
-    nk::time::timer_start(t.respawn_threshold, 0,
-                          g_retry_interval["subprocess_respawn_threshold"], false);
+    nk::time::timer_start(t.respawn_threshold, 0, g_retry_interval["subprocess_respawn_threshold"],
+                          false);
     const long timeout = list_devices_timeout();
     if (!t.list_devices->start_ms((timeout - kMinListDevicesTimeout) * 1000, timeout * 1000)) {
         NK_LOG(nk::log::WARN, "Failed to start list devices periodic timer");
@@ -222,7 +223,8 @@ bool start_up(Unwinder& unwind, Loop& loop) {
     }
     unwind.push([] { uninit_globals(); });
 
-    if (!open_bus(unwind)) return false;
+    if (!open_bus(unwind))
+        return false;
 
     g_subprocess = make_collector(g_nkleases_mode);
     if (!g_subprocess) {
@@ -231,10 +233,12 @@ bool start_up(Unwinder& unwind, Loop& loop) {
     }
     unwind.push([] { g_subprocess.reset(); });
 
-    if (!nk::onbox::Guardian::instance().init()) return false;
+    if (!nk::onbox::Guardian::instance().init())
+        return false;
     unwind.push([] { nk::onbox::Guardian::instance().uninit(); });
 
-    if (!make_timers(unwind, loop.timers)) return false;
+    if (!make_timers(unwind, loop.timers))
+        return false;
 
     loop.epoll = ::epoll_create1(EPOLL_CLOEXEC);
     if (loop.epoll < 0) {
@@ -249,7 +253,8 @@ bool start_up(Unwinder& unwind, Loop& loop) {
     unwind.push([] { g_subprocess->stop(true); });
 
     LoopTimers& t = loop.timers;
-    if (!start_timers(t)) return false;
+    if (!start_timers(t))
+        return false;
     for (const int fd : {g_stop_pipe, t.net_info, t.upnp_flush, t.avahi_flush, t.netbios_flush,
                          t.respawn_threshold, nk::featureutl::get_fd(), t.list_devices->fd(),
                          g_device_info_sync_timer->fd()}) {
@@ -262,9 +267,10 @@ bool start_up(Unwinder& unwind, Loop& loop) {
 // Nothing but loading happens until there is a WAN and the inventory is loaded.
 void deactivate(Loop& loop) {
     const LoopTimers& t = loop.timers;
-    for (const int fd : {g_event_pipe[0], g_subprocess->fd(), t.avahi_submission,
-                         t.upnp_submission, t.netbios_submission, t.retry}) {
-        if (fd >= 0) nk::io::epoll_del_fd(loop.epoll, fd);
+    for (const int fd : {g_event_pipe[0], g_subprocess->fd(), t.avahi_submission, t.upnp_submission,
+                         t.netbios_submission, t.retry}) {
+        if (fd >= 0)
+            nk::io::epoll_del_fd(loop.epoll, fd);
     }
     g_subprocess->stop(true);
 }
@@ -280,8 +286,10 @@ void activate(Loop& loop) {
     const LoopTimers& t = loop.timers;
     nk::io::epoll_set_fd_ro(loop.epoll, g_event_pipe[0]);
     restart_subprocess();
-    if (g_subprocess->pid() > 0) nk::io::epoll_set_fd_ro(loop.epoll, g_subprocess->fd());
-    start_submission_timer(loop.epoll, t.avahi_submission, "Failed to start Avahi submission timer");
+    if (g_subprocess->pid() > 0)
+        nk::io::epoll_set_fd_ro(loop.epoll, g_subprocess->fd());
+    start_submission_timer(loop.epoll, t.avahi_submission,
+                           "Failed to start Avahi submission timer");
     start_submission_timer(loop.epoll, t.upnp_submission, "Failed to start UPnP submission timer");
     start_submission_timer(loop.epoll, t.netbios_submission,
                            "Failed to start NetBIOS submission timer");
@@ -316,15 +324,19 @@ void prepare_turn(Loop& loop) {
 
 std::string names_of(const std::vector<nk::netMgmt::Interface>& interfaces) {
     std::vector<std::string> names;
-    for (const auto& iface : interfaces) names.push_back(iface.name);
+    for (const auto& iface : interfaces)
+        names.push_back(iface.name);
     return fmt::format("{}", fmt::join(names, ", "));
 }
 
 bool is_valid_lan(const nk::netMgmt::Interface& iface) {
-    if (iface.type != nk::netMgmt::LAN || !iface.mac.is_valid()) return false;
+    if (iface.type != nk::netMgmt::LAN || !iface.mac.is_valid())
+        return false;
     bool has_address = !iface.ipv4.empty();
-    for (const auto& [ip, mask] : iface.ipv6) has_address = has_address || !ip.is_link_local();
-    if (!has_address) return false;
+    for (const auto& [ip, mask] : iface.ipv6)
+        has_address = has_address || !ip.is_link_local();
+    if (!has_address)
+        return false;
     if (!nk::is_interface_up(iface.name)) {
         NK_LOG(nk::log::WARN, "Interface {} is not UP", iface.name);
         return false;
@@ -334,22 +346,27 @@ bool is_valid_lan(const nk::netMgmt::Interface& iface) {
 
 void handle_network_interfaces_update() {
     std::vector<nk::netMgmt::Interface> interfaces;
-    if (!update_network_info(interfaces)) return;
+    if (!update_network_info(interfaces))
+        return;
     NK_LOG(nk::log::INFO, "Handling network interfaces: {}", names_of(interfaces));
 
     bool wan = false;
-    for (const auto& iface : interfaces) wan = wan || iface.type == nk::netMgmt::WAN;
+    for (const auto& iface : interfaces)
+        wan = wan || iface.type == nk::netMgmt::WAN;
     has_wan = wan;
-    if (!wan) NK_LOG(nk::log::WARN, "BUG: wan interface does not exist");
+    if (!wan)
+        NK_LOG(nk::log::WARN, "BUG: wan interface does not exist");
 
     std::vector<nk::netMgmt::Interface> lans;
     for (const auto& iface : interfaces) {
-        if (is_valid_lan(iface)) lans.push_back(iface);
+        if (is_valid_lan(iface))
+            lans.push_back(iface);
     }
     NK_LOG(nk::log::INFO, "Valid LAN interfaces: {}", names_of(lans));
 
     g_subprocess->stop(true);
-    if (lans.empty()) return;
+    if (lans.empty())
+        return;
     if (!g_subprocess->start()) {
         NK_LOG(nk::log::INFO, "Failed to start subprocess");
     } else {
@@ -367,10 +384,12 @@ void load_devices() {
         local_loaded = g_local_devices_loaded;
     }
     std::vector<Device> devices;
-    if (!cloud_loaded) cloud_loaded = load_devices_from_cloud();
+    if (!cloud_loaded)
+        cloud_loaded = load_devices_from_cloud();
     if (cloud_loaded && !local_loaded) {
         local_loaded = load_devices_from_storage(devices);
-        if (local_loaded) sync_devices_to_storage(devices);
+        if (local_loaded)
+            sync_devices_to_storage(devices);
     }
     bool removed = false;
     {
@@ -410,16 +429,21 @@ void drain_event_pipe() {
     process_pending_devices();
 }
 
-bool ticked(int fd) { return nk::time::timer_tick(fd) != 0; }
+bool ticked(int fd) {
+    return nk::time::timer_tick(fd) != 0;
+}
 
 // Serves one ready descriptor; false when it was the stop pipe.
 bool dispatch(Loop& loop, int fd) {
     LoopTimers& t = loop.timers;
-    if (fd == g_stop_pipe) return false;
+    if (fd == g_stop_pipe)
+        return false;
     if (fd == t.net_info) {
-        if (ticked(fd)) handle_network_interfaces_update();
+        if (ticked(fd))
+            handle_network_interfaces_update();
     } else if (fd == t.load_devices) {
-        if (ticked(fd)) load_devices();
+        if (ticked(fd))
+            load_devices();
     } else if (fd == t.list_devices->fd()) {
         if (ticked(fd)) {
             reset_devices_loaded();
@@ -428,31 +452,36 @@ bool dispatch(Loop& loop, int fd) {
     } else if (fd == g_device_info_sync_timer->fd()) {
         if (ticked(fd)) {
             NK_LOG(nk::log::INFO, "device info sync timer fired!");
-            if (sync_device_info()) g_device_info_sync_timer->stop();
+            if (sync_device_info())
+                g_device_info_sync_timer->stop();
         }
     } else if (fd == t.avahi_submission) {
-        if (ticked(fd)) process_avahi_services();
+        if (ticked(fd))
+            process_avahi_services();
     } else if (fd == t.avahi_flush) {
         if (ticked(fd)) {
             NK_LOG(nk::log::INFO, "Resetting avahi info cache");
             flush_service_info(ServiceInfoKind::Avahi, t.avahi_submission);
         }
     } else if (fd == t.upnp_submission) {
-        if (ticked(fd)) process_upnp_devices();
+        if (ticked(fd))
+            process_upnp_devices();
     } else if (fd == t.upnp_flush) {
         if (ticked(fd)) {
             NK_LOG(nk::log::INFO, "Resetting upnp info cache");
             flush_service_info(ServiceInfoKind::Upnp, t.upnp_submission);
         }
     } else if (fd == t.netbios_submission) {
-        if (ticked(fd)) process_netbios_devices();
+        if (ticked(fd))
+            process_netbios_devices();
     } else if (fd == t.netbios_flush) {
         if (ticked(fd)) {
             NK_LOG(nk::log::INFO, "Resetting NetBIOS info cache");
             flush_service_info(ServiceInfoKind::Netbios, t.netbios_submission);
         }
     } else if (fd == t.respawn_threshold) {
-        if (ticked(fd)) g_subprocess->set_failures(0);
+        if (ticked(fd))
+            g_subprocess->set_failures(0);
     } else if (fd == g_event_pipe[0]) {
         drain_event_pipe();
     } else if (fd == t.retry) {
@@ -480,12 +509,14 @@ void run_loop(Loop& loop) {
     for (;;) {
         prepare_turn(loop);
         const int gate = nk::onbox::Guardian::instance().get_fd();
-        if (gate >= 0) nk::io::epoll_set_fd_ro(loop.epoll, gate);
+        if (gate >= 0)
+            nk::io::epoll_set_fd_ro(loop.epoll, gate);
 
         epoll_event events[kMaxEvents];
         const int n = ::epoll_wait(loop.epoll, events, kMaxEvents, -1);
         if (n < 0) {
-            if (errno == EINTR) continue;
+            if (errno == EINTR)
+                continue;
             NK_LOG(nk::log::WARN, "epoll_wait() ({:s})", std::strerror(errno));
             std::this_thread::sleep_for(std::chrono::seconds(1));
             continue;
@@ -493,9 +524,11 @@ void run_loop(Loop& loop) {
         g_now = monotonic_now();
         purge_old_mac_timestamps();
         for (int i = 0; i < n; ++i) {
-            if (!dispatch(loop, events[i].data.fd)) return;
+            if (!dispatch(loop, events[i].data.fd))
+                return;
         }
-        if (gate >= 0) nk::io::epoll_del_fd(loop.epoll, gate);
+        if (gate >= 0)
+            nk::io::epoll_del_fd(loop.epoll, gate);
     }
 }
 
@@ -504,7 +537,8 @@ void run_loop(Loop& loop) {
 int disco_run() {
     Loop loop;  // outlives the unwinder, whose steps refer to it
     Unwinder unwind;
-    if (!start_up(unwind, loop)) return 1;
+    if (!start_up(unwind, loop))
+        return 1;
     run_loop(loop);
     NK_LOG(nk::log::DEBUG, "exiting");
     unwind.run();

@@ -24,13 +24,15 @@ constexpr std::array<NkexRoute, 5> kRoutes = {{
 
 nkex_handler_t find_nkex_handler(std::string_view name) {
     for (const NkexRoute& route : kRoutes) {
-        if (route.name == name) return route.handler;
+        if (route.name == name)
+            return route.handler;
     }
     return nullptr;
 }
 
 void nkex_msg_callback(const Message* message, void* /*context*/) {
-    if (message == nullptr) return;
+    if (message == nullptr)
+        return;
     NK_LOG(nk::log::TRACE, "nkex message: {}", *message);
     const std::string_view name(message->name, ::strnlen(message->name, sizeof(message->name)));
     const nkex_handler_t handler = find_nkex_handler(name);

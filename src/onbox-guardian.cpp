@@ -8,10 +8,16 @@ Guardian& Guardian::instance() {
     return guardian;
 }
 
-bool Guardian::init() { return true; }
+bool Guardian::init() {
+    return true;
+}
 void Guardian::uninit() {}
-int Guardian::get_fd() const { return -1; }
+int Guardian::get_fd() const {
+    return -1;
+}
 void Guardian::read_fd() {}
-bool Guardian::allows() const { return false; }
+bool Guardian::allows() const {
+    return false;
+}
 
 }  // namespace nk::onbox

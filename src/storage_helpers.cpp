@@ -5,10 +5,18 @@
 #include "globals.h"
 
 // The cloud list and device storage arrive with the inventory; until then nothing loads.
-bool load_devices_from_cloud() { return false; }
-bool load_devices_from_storage(std::vector<Device>& /*out*/) { return false; }
-bool sync_devices_to_storage(std::vector<Device>& /*devices*/) { return false; }
-bool sync_device_info() { return true; }
+bool load_devices_from_cloud() {
+    return false;
+}
+bool load_devices_from_storage(std::vector<Device>& /*out*/) {
+    return false;
+}
+bool sync_devices_to_storage(std::vector<Device>& /*devices*/) {
+    return false;
+}
+bool sync_device_info() {
+    return true;
+}
 void purge_old_mac_timestamps() {}
 
 void reset_devices_loaded() {

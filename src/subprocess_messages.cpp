@@ -25,8 +25,10 @@ std::unique_ptr<nk::Subprocess> make_collector(int leases_mode) {
 }
 
 void restart_subprocess() {
-    if (!g_subprocess || g_subprocess->pid() > 0) return;
-    if (g_subprocess->failures() > g_retry_interval["subprocess_respawn_retries"]) return;
+    if (!g_subprocess || g_subprocess->pid() > 0)
+        return;
+    if (g_subprocess->failures() > g_retry_interval["subprocess_respawn_retries"])
+        return;
     if (g_now - g_subprocess->started_at() < g_retry_interval["subprocess_respawn_frequency"]) {
         return;
     }
@@ -42,4 +44,6 @@ void process_subprocess_messages(const std::vector<std::string>& lines) {
     }
 }
 
-bool leases_received() { return g_leases_received; }
+bool leases_received() {
+    return g_leases_received;
+}

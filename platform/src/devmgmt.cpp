@@ -302,7 +302,7 @@ void abandon(MDB_env* env) {
 
 // One LMDB environment opened by this process.
 class Env {
-  public:
+public:
     Env(EnvPtr env, MDB_dbi dbi, std::string dir)
         : env_(std::move(env)), dbi_(dbi), dir_(std::move(dir)), pid_(::getpid()) {}
     ~Env() {
@@ -316,7 +316,7 @@ class Env {
     MDB_dbi dbi() const { return dbi_; }
     bool serves(const std::string& dir) const { return pid_ == ::getpid() && dir_ == dir; }
 
-  private:
+private:
     EnvPtr env_;
     MDB_dbi dbi_;
     std::string dir_;

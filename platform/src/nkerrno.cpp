@@ -6,7 +6,11 @@ namespace {
 thread_local int t_nkerrno = 0;
 }
 
-int _get_nkerrno() { return t_nkerrno; }
-void _set_nkerrno(int value) { t_nkerrno = value; }
+int _get_nkerrno() {
+    return t_nkerrno;
+}
+void _set_nkerrno(int value) {
+    t_nkerrno = value;
+}
 
 }  // namespace nk

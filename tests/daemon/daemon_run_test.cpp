@@ -22,9 +22,8 @@ protected:
     void SetUp() override { ASSERT_TRUE(broker_.start()); }
 
     std::vector<std::string> args(const std::string& settings) const {
-        return {NK_DAEMON_BIN, "-f",       "--settings",    settings,
-                "--devmgmt",   dir_ / "devmgmt", "--broker", broker_.address(),
-                "--log-level", "4"};
+        return {NK_DAEMON_BIN,    "-f",       "--settings",      settings,      "--devmgmt",
+                dir_ / "devmgmt", "--broker", broker_.address(), "--log-level", "4"};
     }
     bool start(const std::string& settings) { return daemon_.start(args(settings)); }
     bool start() { return start(settings_); }

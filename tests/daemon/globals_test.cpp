@@ -79,8 +79,10 @@ TEST_F(GlobalsTest, AddDeviceToCloudIsTheLongerNeighbourExpiry) {
     for (const Case& c : {Case{"60", "300", 300}, Case{"400", "300", 400}, Case{"", "500", 500},
                           Case{"junk", "", 180}}) {
         nk::setMgmt::deleteKey("/daemons");
-        if (*c.v4) set(g_neigh_expiry_time_key, c.v4);
-        if (*c.v6) set(g_neigh_expiry_time_v6_key, c.v6);
+        if (*c.v4)
+            set(g_neigh_expiry_time_key, c.v4);
+        if (*c.v6)
+            set(g_neigh_expiry_time_v6_key, c.v6);
         ASSERT_TRUE(init_globals());
         EXPECT_EQ(g_retry_interval["add_device_to_cloud"], c.expected) << c.v4 << "/" << c.v6;
     }

@@ -23,7 +23,8 @@ TEST(NkexDispatch, NearMissesAreUnhandled) {
 }
 
 TEST(NkexDispatch, EverySubscribedEventHasAHandler) {
-    for (const char* name : kSubscribedEvents) EXPECT_NE(find_nkex_handler(name), nullptr) << name;
+    for (const char* name : kSubscribedEvents)
+        EXPECT_NE(find_nkex_handler(name), nullptr) << name;
 }
 
 TEST(NkexDispatch, UnterminatedNameIsNotReadPastItsField) {

@@ -78,7 +78,7 @@ bool in_child(Body body) {
 }
 
 class DevmgmtTest : public ::testing::Test {
-  protected:
+protected:
     void TearDown() override { nk::devMgmt::close_table(); }
 
     TempDir dir_;

@@ -28,7 +28,7 @@ namespace lg = nk::log;
 
 // Sends fd 2 into a pipe until text() is called.
 class StderrCapture {
-  public:
+public:
     StderrCapture() {
         std::fflush(stderr);
         int fds[2];
@@ -54,7 +54,7 @@ class StderrCapture {
         return out;
     }
 
-  private:
+private:
     void restore() {
         if (!saved_)
             return;
@@ -76,7 +76,7 @@ std::vector<std::string> lines_of(const std::string& text) {
 }
 
 class Log : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override { lg::set_level(lg::INFO); }
     void TearDown() override { lg::set_level(nk::kLogLevelDefault); }
 

@@ -12,15 +12,19 @@
 namespace nk::test {
 
 DaemonProcess::~DaemonProcess() {
-    if (pid_ > 0) stop(SIGKILL);
-    if (reader_.joinable()) reader_.join();
+    if (pid_ > 0)
+        stop(SIGKILL);
+    if (reader_.joinable())
+        reader_.join();
 }
 
 bool DaemonProcess::start(const std::vector<std::string>& argv) {
     int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) return false;
+    if (::pipe2(fds, O_CLOEXEC) != 0)
+        return false;
     std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    for (const std::string& a : argv)
+        args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
     const pid_t pid = ::fork();
     if (pid < 0) {
@@ -44,7 +48,8 @@ void DaemonProcess::read_loop(int fd) {
     char buf[4096];
     for (;;) {
         const ssize_t n = ::read(fd, buf, sizeof(buf));
-        if (n <= 0) break;
+        if (n <= 0)
+            break;
         partial.append(buf, static_cast<size_t>(n));
         size_t nl = 0;
         std::lock_guard lock(mutex_);
@@ -57,7 +62,8 @@ void DaemonProcess::read_loop(int fd) {
     }
     ::close(fd);
     std::lock_guard lock(mutex_);
-    if (!partial.empty()) lines_.push_back(partial);
+    if (!partial.empty())
+        lines_.push_back(partial);
     eof_ = true;
     changed_.notify_all();
 }
@@ -67,7 +73,8 @@ bool DaemonProcess::wait_for_line(const std::string& text, std::chrono::millisec
     size_t checked = 0;
     return changed_.wait_for(lock, timeout, [&] {
         for (; checked < lines_.size(); ++checked) {
-            if (lines_[checked].find(text) != std::string::npos) return true;
+            if (lines_[checked].find(text) != std::string::npos)
+                return true;
         }
         return eof_;
     }) && checked < lines_.size();
@@ -76,31 +83,36 @@ bool DaemonProcess::wait_for_line(const std::string& text, std::chrono::millisec
 int DaemonProcess::count_lines(const std::string& text) {
     std::lock_guard lock(mutex_);
     int n = 0;
-    for (const std::string& line : lines_) n += line.find(text) != std::string::npos ? 1 : 0;
+    for (const std::string& line : lines_)
+        n += line.find(text) != std::string::npos ? 1 : 0;
     return n;
 }
 
 std::string DaemonProcess::log() {
     std::lock_guard lock(mutex_);
     std::string all;
-    for (const std::string& line : lines_) all += line + "\n";
+    for (const std::string& line : lines_)
+        all += line + "\n";
     return all;
 }
 
 int DaemonProcess::stop(int signal, std::chrono::milliseconds timeout) {
-    if (pid_ <= 0) return -1;
+    if (pid_ <= 0)
+        return -1;
     ::kill(pid_, signal);
     return wait_exit(timeout);
 }
 
 int DaemonProcess::wait_exit(std::chrono::milliseconds timeout) {
-    if (pid_ <= 0) return -1;
+    if (pid_ <= 0)
+        return -1;
     int status = 0;
     if (!wait_until([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout)) {
         return -1;
     }
     pid_ = 0;
-    if (reader_.joinable()) reader_.join();
+    if (reader_.joinable())
+        reader_.join();
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 

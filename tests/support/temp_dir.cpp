@@ -13,7 +13,8 @@ namespace nk::test {
 TempDir::TempDir() {
     const char* base = std::getenv("TMPDIR");
     std::string pattern = std::string(base && *base ? base : "/tmp") + "/nktest.XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    if (::mkdtemp(pattern.data()) == nullptr)
+        throw std::runtime_error("mkdtemp failed");
     path_ = pattern;
 }
 
@@ -24,7 +25,8 @@ TempDir::~TempDir() {
 
 ScopedEnv::ScopedEnv(std::string name, const std::optional<std::string>& value)
     : name_(std::move(name)) {
-    if (const char* old = std::getenv(name_.c_str())) old_ = old;
+    if (const char* old = std::getenv(name_.c_str()))
+        old_ = old;
     if (value) {
         ::setenv(name_.c_str(), value->c_str(), 1);
     } else {
@@ -42,14 +44,17 @@ ScopedEnv::~ScopedEnv() {
 
 int run_command(const std::string& command, std::string* out) {
     FILE* pipe = ::popen(command.c_str(), "re");
-    if (pipe == nullptr) return -1;
+    if (pipe == nullptr)
+        return -1;
     std::array<char, 4096> buf{};
     size_t n = 0;
     while ((n = std::fread(buf.data(), 1, buf.size(), pipe)) > 0) {
-        if (out) out->append(buf.data(), n);
+        if (out)
+            out->append(buf.data(), n);
     }
     const int status = ::pclose(pipe);
-    if (status < 0) return -1;
+    if (status < 0)
+        return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 

@@ -20,7 +20,8 @@ namespace {
 
 bool accepts(const std::string& path) {
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return false;
+    if (fd < 0)
+        return false;
     sockaddr_un sa{};
     sa.sun_family = AF_UNIX;
     std::strncpy(sa.sun_path, path.c_str(), sizeof(sa.sun_path) - 1);
@@ -39,7 +40,9 @@ TestBroker::TestBroker(std::string dir) : dir_(std::move(dir)) {
     socket_ = dir_ + "/nkex.sock";
 }
 
-TestBroker::~TestBroker() { stop(); }
+TestBroker::~TestBroker() {
+    stop();
+}
 
 std::string TestBroker::config_text(const std::string& socket_path) {
     std::string text = "listener 0 " + socket_path +
@@ -49,21 +52,25 @@ std::string TestBroker::config_text(const std::string& socket_path) {
                        "log_type error\n"
                        "log_type warning\n"
                        "log_dest stderr\n";
-    if (::geteuid() == 0) text += "user root\n";
+    if (::geteuid() == 0)
+        text += "user root\n";
     return text;
 }
 
 bool TestBroker::start() {
-    if (running()) return true;
+    if (running())
+        return true;
     const std::string conf = dir_ + "/mosquitto.conf";
     {
         std::ofstream out(conf, std::ios::trunc);
         out << config_text(socket_);
-        if (!out) return false;
+        if (!out)
+            return false;
     }
     ::unlink(socket_.c_str());
     const pid_t pid = ::fork();
-    if (pid < 0) return false;
+    if (pid < 0)
+        return false;
     if (pid == 0) {
         ::execl(NK_MOSQUITTO_BIN, "mosquitto", "-c", conf.c_str(), static_cast<char*>(nullptr));
         ::_exit(127);
@@ -85,7 +92,8 @@ bool TestBroker::start() {
 }
 
 void TestBroker::stop() {
-    if (pid_ <= 0) return;
+    if (pid_ <= 0)
+        return;
     ::kill(pid_, SIGTERM);
     int status = 0;
     if (!wait_until([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, 3s)) {

@@ -24,7 +24,8 @@ struct buffer_view {
     template <typename T>
     std::optional<T> read() {
         static_assert(std::is_trivially_copyable_v<T>);
-        if (size <= pos || remaining() < sizeof(T)) return std::nullopt;
+        if (size <= pos || remaining() < sizeof(T))
+            return std::nullopt;
         T value;
         std::memcpy(&value, data + pos, sizeof(T));
         pos += sizeof(T);
@@ -35,7 +36,8 @@ struct buffer_view {
     template <typename T>
     std::optional<const T*> readn(std::uint32_t n) {
         static_assert(sizeof(T) == 1, "readn reads bytes");
-        if (size <= pos || remaining() < n) return std::nullopt;
+        if (size <= pos || remaining() < n)
+            return std::nullopt;
         const T* p = reinterpret_cast<const T*>(data + pos);
         pos += n;
         return p;
@@ -43,7 +45,8 @@ struct buffer_view {
 
     // A view of the next n bytes, consumed from this one.
     std::optional<buffer_view> sub(std::uint32_t n) {
-        if (remaining() < n) return std::nullopt;
+        if (remaining() < n)
+            return std::nullopt;
         buffer_view v(data + pos, n);
         pos += n;
         return v;

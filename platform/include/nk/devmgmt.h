@@ -65,7 +65,7 @@ struct Device {
 // transaction: writers go on meanwhile, and this view does not see them. Move-only; it may
 // change threads but must not be used by two at once.
 class Snapshot {
-  public:
+public:
     // Empty when the table cannot be opened (logged).
     static std::optional<Snapshot> take();
     ~Snapshot();
@@ -79,7 +79,7 @@ class Snapshot {
     // Every readable record, ordered by device id.
     std::vector<Device> list() const;
 
-  private:
+private:
     struct Impl;
     explicit Snapshot(std::unique_ptr<Impl> impl);
     std::unique_ptr<Impl> impl_;

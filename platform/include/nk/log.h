@@ -35,11 +35,15 @@ std::optional<Channel> open_channel(std::string_view name);
 Channel default_channel();
 
 bool can_log(Channel channel, int level);
-inline bool can_log(int level) { return can_log(default_channel(), level); }
+inline bool can_log(int level) {
+    return can_log(default_channel(), level);
+}
 
 // `text` begins with kTemplateHead (as produced by the NK_LOG macros).
 void print(Channel channel, int level, std::string_view text);
-inline void print(int level, std::string_view text) { print(default_channel(), level, text); }
+inline void print(int level, std::string_view text) {
+    print(default_channel(), level, text);
+}
 
 // Title followed by the compact JSON text.
 void log_json(int level, std::string_view title, const json_t* json);
@@ -51,7 +55,8 @@ void backtrace(Channel channel);
 constexpr const char* base_name(const char* path) {
     const char* base = path;
     for (const char* p = path; *p != '\0'; ++p) {
-        if (*p == '/') base = p + 1;
+        if (*p == '/')
+            base = p + 1;
     }
     return base;
 }
@@ -59,17 +64,17 @@ constexpr const char* base_name(const char* path) {
 }  // namespace nk::log
 
 // Formats only when the channel would print. `msg` must be a string literal.
-#define NK_LOG_CH(channel, level, msg, ...)                                                     \
-    do {                                                                                        \
-        const ::nk::log::Channel nk_log_ch_ = (channel);                                        \
-        const int nk_log_lvl_ = (level);                                                        \
-        if (::nk::log::can_log(nk_log_ch_, nk_log_lvl_)) {                                      \
-            ::nk::log::print(nk_log_ch_, nk_log_lvl_,                                           \
-                             ::fmt::format(FMT_STRING("yyyy-mm-dd HH:MM:SS.__m ___pid __lvl "   \
-                                                      "[{:s}:{:d}][{:s}()]: " msg),             \
-                                           ::nk::log::base_name(__FILE__), __LINE__, __func__, \
-                                           ##__VA_ARGS__));                                     \
-        }                                                                                       \
+#define NK_LOG_CH(channel, level, msg, ...)                                                        \
+    do {                                                                                           \
+        const ::nk::log::Channel nk_log_ch_ = (channel);                                           \
+        const int nk_log_lvl_ = (level);                                                           \
+        if (::nk::log::can_log(nk_log_ch_, nk_log_lvl_)) {                                         \
+            ::nk::log::print(                                                                      \
+                nk_log_ch_, nk_log_lvl_,                                                           \
+                ::fmt::format(FMT_STRING("yyyy-mm-dd HH:MM:SS.__m ___pid __lvl "                   \
+                                         "[{:s}:{:d}][{:s}()]: " msg),                             \
+                              ::nk::log::base_name(__FILE__), __LINE__, __func__, ##__VA_ARGS__)); \
+        }                                                                                          \
     } while (0)
 
 #define NK_LOG(level, msg, ...) NK_LOG_CH(::nk::log::default_channel(), level, msg, ##__VA_ARGS__)

@@ -47,8 +47,8 @@ int nkex_subscribe(nkex_handle* handle, const char* const* names, size_t count);
 /* An event: no answer. 0 on success (queued when disconnected). */
 int nkex_send_message(nkex_handle* handle, const char* name, const void* data, size_t length);
 /* An asynchronous request. 0 when queued; then `callback` is called exactly once. */
-int nkex_send_request(nkex_handle* handle, const char* destination, const void* data,
-                      size_t length, nkex_response_callback_t callback, void* context);
+int nkex_send_request(nkex_handle* handle, const char* destination, const void* data, size_t length,
+                      nkex_response_callback_t callback, void* context);
 /* Sends request->name with request->data and waits up to NKEX_TIMEOUT_MS for the answer.
  * 0 on success; *response is then owned by the caller (nkex_free_response). Never call it
  * from a bus callback: it would wait for its own thread. */
