@@ -16,6 +16,7 @@
 #include <nk/timer.h>
 
 #include "device.h"
+#include "dhcp.h"
 
 // Retry intervals in seconds by caller name ("default", "add_device_to_cloud", ...).
 extern std::unordered_map<std::string_view, int> g_retry_interval;
@@ -47,6 +48,8 @@ extern const std::vector<std::string> g_additional_cloud_fields;
 extern std::string g_device_id;  // the BOX's own cloud device id
 extern std::optional<nk::time::Timer> g_device_info_sync_timer;
 extern std::map<nk::sockutl::macaddr, long> g_connect_device_times;
+// Forgets connect_device attempts old enough to be retried; gates itself to every 5 s.
+void purge_old_mac_timestamps();
 
 // Queues filled on the bus thread and drained by the main loop, each under its own mutex.
 extern std::vector<DeviceIdRequest> g_devid_requests;
@@ -59,6 +62,7 @@ extern std::vector<std::string> g_removed_devices;
 extern std::mutex g_removed_devices_mutex;
 extern std::vector<ChangedInfo> g_changed_devices;
 extern std::mutex g_changed_devices_mutex;
+extern std::vector<nk::DhcpResult> g_dhcp_results;
 extern std::mutex g_dhcp_results_mutex;
 extern std::mutex g_mangled_macs_mutex;
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
@@ -36,3 +37,13 @@ struct Interface {
 
 // Rebuilds the interface table into `interfaces`; true when it changed and was published.
 bool update_network_info(std::vector<nk::netMgmt::Interface>& interfaces);
+
+// Classification of addresses, interfaces and MACs; safe from the bus thread.
+bool is_in_subnet(const std::string& ip);
+bool is_in_guest(const nk::sockutl::address& ip);
+bool is_wan(const std::string& name);
+bool is_guest(const std::string& name);
+bool is_on_box(const std::string& mac);
+
+extern std::vector<nk::netMgmt::Interface> g_interfaces;
+extern std::mutex g_interfaces_mutex;

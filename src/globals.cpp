@@ -106,6 +106,7 @@ std::vector<std::string> g_removed_devices;
 std::mutex g_removed_devices_mutex;
 std::vector<ChangedInfo> g_changed_devices;
 std::mutex g_changed_devices_mutex;
+std::vector<nk::DhcpResult> g_dhcp_results;
 std::mutex g_dhcp_results_mutex;
 std::mutex g_mangled_macs_mutex;
 

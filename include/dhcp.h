@@ -1,0 +1,38 @@
+// What a DHCP client's requests reveal about it.
+#pragma once
+
+#include <string>
+
+#include <fmt/format.h>
+#include <nk/sockutl.h>
+
+namespace nk {
+
+struct DhcpFingerprint {
+    std::string option_list;   // requested option codes in order, separated by one space
+    std::string vendor_class;  // vendor class text
+    bool version = false;      // false: DHCPv4, true: DHCPv6
+
+    friend bool operator==(const DhcpFingerprint& a, const DhcpFingerprint& b) {
+        return a.option_list == b.option_list && a.vendor_class == b.vendor_class &&
+               a.version == b.version;
+    }
+    friend bool operator!=(const DhcpFingerprint& a, const DhcpFingerprint& b) { return !(a == b); }
+};
+
+struct DhcpResult {
+    DhcpFingerprint fingerprint;
+    std::string hostname;
+    sockutl::macaddr mac;
+};
+
+}  // namespace nk
+
+template <>
+struct fmt::formatter<nk::DhcpFingerprint> : fmt::formatter<std::string_view> {
+    template <typename Ctx>
+    auto format(const nk::DhcpFingerprint& f, Ctx& ctx) const {
+        return fmt::format_to(ctx.out(), "option_list='{:s}', vendor_class='{:s}', version='{:s}'",
+                              f.option_list, f.vendor_class, f.version ? "v6" : "v4");
+    }
+};

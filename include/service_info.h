@@ -1,0 +1,75 @@
+// Service information gathered per device: mDNS services, UPnP descriptions, NetBIOS names.
+#pragma once
+
+#include <ctime>
+#include <set>
+#include <string>
+#include <tuple>
+#include <utility>
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+namespace nk::avahi {
+
+struct AvahiInfo {
+    std::string service;
+    std::string hostname;
+    std::string text;
+    int port = 0;
+
+    // One record per service name: a later one with other details is not kept.
+    friend bool operator<(const AvahiInfo& a, const AvahiInfo& b) { return a.service < b.service; }
+};
+
+}  // namespace nk::avahi
+
+namespace nk::upnp {
+
+// One UPnP device description: (name, value) pairs.
+using UpnpInfo = std::set<std::pair<std::string, std::string>>;
+
+}  // namespace nk::upnp
+
+namespace nk::netbios {
+
+struct NetbiosTable {
+    std::string name;
+    std::string domain;
+    std::set<std::pair<std::string, std::string>> services;
+
+    // Name and domain identify a table; its services do not.
+    friend bool operator<(const NetbiosTable& a, const NetbiosTable& b) {
+        return std::tie(a.name, a.domain) < std::tie(b.name, b.domain);
+    }
+};
+
+}  // namespace nk::netbios
+
+// Collected records of one kind for one device, between submissions.
+template <typename T>
+struct AdditionalInfoCache {
+    std::time_t last_submission = 0;  // g_now of the last submission; 0 since the last reset
+    std::set<T> current;
+    std::set<T> kept;  // the set at the last reset
+    bool pending = false;
+};
+
+template <>
+struct fmt::formatter<nk::avahi::AvahiInfo> : fmt::formatter<std::string_view> {
+    template <typename Ctx>
+    auto format(const nk::avahi::AvahiInfo& a, Ctx& ctx) const {
+        return fmt::format_to(ctx.out(),
+                              "(service='{:s}', hostname='{:s}', text='{:s}', port={:d})",
+                              a.service, a.hostname, a.text, a.port);
+    }
+};
+
+template <>
+struct fmt::formatter<nk::netbios::NetbiosTable> : fmt::formatter<std::string_view> {
+    template <typename Ctx>
+    auto format(const nk::netbios::NetbiosTable& t, Ctx& ctx) const {
+        return fmt::format_to(ctx.out(), "(name='{:s}', domain='{:s}', services={})", t.name,
+                              t.domain, t.services);
+    }
+};
