@@ -17,55 +17,16 @@
 #include "nk/constants.h"
 #include "nk/io.h"
 #include "nk/json.h"
+#include "stderr_capture.h"
 #include "temp_dir.h"
 
 namespace {
 
 using nk::io::unique_fd;
 using nk::test::ScopedEnv;
+using nk::test::StderrCapture;
 using nk::test::TempDir;
 namespace lg = nk::log;
-
-// Sends fd 2 into a pipe until text() is called.
-class StderrCapture {
-public:
-    StderrCapture() {
-        std::fflush(stderr);
-        int fds[2];
-        if (::pipe2(fds, O_CLOEXEC) != 0)
-            throw std::runtime_error("pipe2");
-        read_.reset(fds[0]);
-        const unique_fd write_end(fds[1]);
-        saved_.reset(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
-        ::dup2(write_end.get(), STDERR_FILENO);
-    }
-    ~StderrCapture() { restore(); }
-    StderrCapture(const StderrCapture&) = delete;
-    StderrCapture& operator=(const StderrCapture&) = delete;
-
-    // Restores stderr and returns everything written meanwhile.
-    std::string text() {
-        restore();
-        std::string out;
-        char buf[4096];
-        ssize_t n = 0;
-        while ((n = ::read(read_.get(), buf, sizeof(buf))) > 0)
-            out.append(buf, n);
-        return out;
-    }
-
-private:
-    void restore() {
-        if (!saved_)
-            return;
-        std::fflush(stderr);
-        ::dup2(saved_.get(), STDERR_FILENO);
-        saved_.reset();
-    }
-
-    unique_fd read_;
-    unique_fd saved_;
-};
 
 std::vector<std::string> lines_of(const std::string& text) {
     std::vector<std::string> lines;

@@ -1,0 +1,40 @@
+#include "stderr_capture.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <stdexcept>
+
+namespace nk::test {
+
+StderrCapture::StderrCapture() {
+    std::fflush(stderr);
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0)
+        throw std::runtime_error("pipe2");
+    read_.reset(fds[0]);
+    const nk::io::unique_fd write_end(fds[1]);
+    saved_.reset(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
+    ::dup2(write_end.get(), STDERR_FILENO);
+}
+
+std::string StderrCapture::text() {
+    restore();
+    std::string out;
+    char buf[4096];
+    ssize_t n = 0;
+    while ((n = ::read(read_.get(), buf, sizeof(buf))) > 0)
+        out.append(buf, static_cast<size_t>(n));
+    return out;
+}
+
+void StderrCapture::restore() {
+    if (!saved_)
+        return;
+    std::fflush(stderr);
+    ::dup2(saved_.get(), STDERR_FILENO);
+    saved_.reset();
+}
+
+}  // namespace nk::test
