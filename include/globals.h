@@ -15,8 +15,10 @@
 #include <nk/sockutl.h>
 #include <nk/timer.h>
 
+#include "cache.h"
 #include "device.h"
 #include "dhcp.h"
+#include "leases.h"
 
 // Retry intervals in seconds by caller name ("default", "add_device_to_cloud", ...).
 extern std::unordered_map<std::string_view, int> g_retry_interval;
@@ -64,7 +66,15 @@ extern std::vector<ChangedInfo> g_changed_devices;
 extern std::mutex g_changed_devices_mutex;
 extern std::vector<nk::DhcpResult> g_dhcp_results;
 extern std::mutex g_dhcp_results_mutex;
+extern std::vector<nk::leases::v4::mangled_mac_t> g_mangled_macs;
 extern std::mutex g_mangled_macs_mutex;
+
+// What additional info was submitted per MAC, and how each submission went. The outer mutex
+// makes compound sequences atomic and is always taken before the cache's own lock.
+extern nk::Cache<nk::sockutl::macaddr, nk::AdditionalInfo<std::string>> g_user_agent_cache;
+extern std::mutex g_user_agent_cache_mutex;
+extern nk::Cache<nk::sockutl::macaddr, nk::AdditionalInfo<nk::DhcpFingerprint>> g_fingerprint_cache;
+extern std::mutex g_fingerprint_cache_mutex;
 
 extern nkex_handle* g_nkex;
 

@@ -108,7 +108,14 @@ std::vector<ChangedInfo> g_changed_devices;
 std::mutex g_changed_devices_mutex;
 std::vector<nk::DhcpResult> g_dhcp_results;
 std::mutex g_dhcp_results_mutex;
+std::vector<nk::leases::v4::mangled_mac_t> g_mangled_macs;
 std::mutex g_mangled_macs_mutex;
+
+nk::Cache<nk::sockutl::macaddr, nk::AdditionalInfo<std::string>> g_user_agent_cache(1024, 120);
+std::mutex g_user_agent_cache_mutex;
+nk::Cache<nk::sockutl::macaddr, nk::AdditionalInfo<nk::DhcpFingerprint>> g_fingerprint_cache(1024,
+                                                                                             120);
+std::mutex g_fingerprint_cache_mutex;
 
 nkex_handle* g_nkex = nullptr;
 
