@@ -1,0 +1,164 @@
+// Device ids handed to other daemons: temporary ids, their announcements on a real broker,
+// answers to requests, and real MACs behind mangled ones.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstring>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <nk/log.h>
+
+#include "globals.h"
+#include "stderr_capture.h"
+#include "temp_dir.h"
+#include "test_broker.h"
+#include "utils.h"
+#include "wait.h"
+
+namespace {
+
+using Event = std::pair<std::string, std::string>;  // name, payload
+
+struct Inbox {
+    std::mutex mutex;
+    std::vector<Event> events;
+
+    std::optional<Event> find(const std::string& name) {
+        const std::lock_guard lock(mutex);
+        for (const Event& e : events) {
+            if (e.first == name)
+                return e;
+        }
+        return std::nullopt;
+    }
+};
+
+void collect(const Message* m, void* context) {
+    auto* inbox = static_cast<Inbox*>(context);
+    const std::lock_guard lock(inbox->mutex);
+    inbox->events.emplace_back(m->name, std::string(m->data ? m->data : "", m->length));
+}
+
+// The daemon's side of "request_device_id": answers with a fixed id, as the loop would.
+void answer_request(const Message* m, void* /*context*/) {
+    const std::string mac(m->data ? m->data : "", m->length);
+    send_device_id_response(mac.c_str(), "d-7", m->id);
+}
+
+macaddr nth_mac(int n) {
+    return macaddr(std::array<std::uint8_t, 6>{0x02, 0, 0, 0, static_cast<std::uint8_t>(n >> 8),
+                                               static_cast<std::uint8_t>(n & 0xff)});
+}
+
+std::string temporary_id(int n) {
+    return fmt::format("00000000-0000-0000-0000-{:012d}", n);
+}
+
+class IdentityTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(broker_.start());
+        g_nkex = nkex_init("nkdevicediscovery", answer_request, nullptr, 1);
+        ASSERT_NE(g_nkex, nullptr);
+        const char* requests[] = {"request_device_id"};
+        ASSERT_EQ(nkex_subscribe(g_nkex, requests, 1), 0);
+        peer_ = nkex_init("listener", collect, &inbox_, 1);
+        ASSERT_NE(peer_, nullptr);
+        const char* events[] = {"permanent_device_id", "clear_device_id_cache"};
+        ASSERT_EQ(nkex_subscribe(peer_, events, 2), 0);
+    }
+    void TearDown() override {
+        nkex_uninit(peer_);
+        nkex_uninit(g_nkex);
+        g_nkex = nullptr;
+    }
+
+    nk::test::TempDir dir_;
+    nk::test::TestBroker broker_{dir_.path()};
+    nk::test::ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
+    nk::test::ScopedEnv timeout_env_{"NKEX_TIMEOUT_MS", "2000"};
+    Inbox inbox_;
+    nkex_handle* peer_ = nullptr;
+};
+
+TEST_F(IdentityTest, TemporaryIdsArePaddedStablePerMacAndYieldToKnownDevices) {
+    const macaddr first = nth_mac(1);
+    g_user_agent_cache.add(first, nk::AdditionalInfo<std::string>{"agent"});
+    const std::string id = get_device_id(first);
+    EXPECT_EQ(id, "00000000-0000-0000-0000-000000000001");
+    EXPECT_TRUE(is_temporary(id));
+    EXPECT_EQ(g_user_agent_cache.count(first), 0u) << "info from before the id is resent";
+
+    EXPECT_EQ(get_device_id(first), id);
+    EXPECT_EQ(get_device_id(nth_mac(2)), temporary_id(2)) << "a repeat must not use a number";
+
+    Device known("", first, {}, "");
+    known.cloud.device_id = "d-1";
+    g_devices.push_back(known);
+    EXPECT_EQ(get_device_id(first), "d-1");
+}
+
+TEST_F(IdentityTest, NumberingRestartsPastTheMaximumAndListenersAreTold) {
+    nk::log::set_level(nk::log::ERROR);
+    constexpr int kMax = 4095;  // 2^12 - 1 for twelve digits
+    for (int n = 1; n <= kMax; ++n)
+        ASSERT_EQ(get_device_id(nth_mac(n)), temporary_id(n));
+    EXPECT_FALSE(inbox_.find("clear_device_id_cache"));
+
+    EXPECT_EQ(get_device_id(nth_mac(kMax + 1)), temporary_id(1));
+    ASSERT_TRUE(
+        nk::test::wait_until([&] { return inbox_.find("clear_device_id_cache").has_value(); }));
+    EXPECT_EQ(inbox_.find("clear_device_id_cache")->second, "");
+    EXPECT_EQ(g_temporary_device_ids.size(), 1u);
+    EXPECT_EQ(get_device_id(nth_mac(1)), temporary_id(2)) << "old ids were forgotten";
+}
+
+TEST_F(IdentityTest, PermanentIdIsAnnouncedWithTheTemporaryOne) {
+    send_permanent_device_id_message(temporary_id(3).c_str(), "cloud-9");
+    ASSERT_TRUE(
+        nk::test::wait_until([&] { return inbox_.find("permanent_device_id").has_value(); }));
+    EXPECT_EQ(inbox_.find("permanent_device_id")->second,
+              R"({"temp_device_id": ")" + temporary_id(3) + R"(", "cloud_device_id": "cloud-9"})");
+}
+
+TEST_F(IdentityTest, RequesterReceivesDeviceIdThenMac) {
+    Message request{};
+    std::strcpy(request.name, "request_device_id");
+    const std::string mac = "aa:bb:cc:00:11:22";
+    request.data = mac.data();
+    request.length = mac.size();
+    Message* response = nullptr;
+    ASSERT_EQ(nkex_send_request_and_wait_response(peer_, &request, &response), 0);
+    const std::string text(response->data ? response->data : "", response->length);
+    EXPECT_STREQ(response->status, NKEX_STATUS_OK);
+    nkex_free_response(response);
+    EXPECT_EQ(text, R"({"device_id": "d-7", "mac": "aa:bb:cc:00:11:22"})");
+}
+
+TEST(RealMac, FakeMacIsReplacedOnlyWhenItsIpMatches) {
+    const macaddr real("aa:aa:aa:00:00:01");
+    const macaddr fake("02:00:00:00:00:01");
+    const address ip("192.168.1.10");
+    {
+        nk::test::StderrCapture capture;
+        EXPECT_EQ(get_real_mac(fake, ip), fake);
+        EXPECT_EQ(capture.text(), "") << "an empty table logs nothing";
+    }
+    g_mangled_macs = {{macaddr("aa:aa:aa:00:00:09"), macaddr("02:00:00:00:00:09"), ip},
+                      {real, fake, ip}};
+    struct Case {
+        macaddr mac;
+        address ip;
+        macaddr expected;
+    };
+    for (const Case& c : {Case{fake, ip, real}, Case{fake, address("192.168.1.11"), fake},
+                          Case{real, ip, real}, Case{fake, address("fe80::1"), fake}}) {
+        EXPECT_EQ(get_real_mac(c.mac, c.ip), c.expected) << fmt::format("{} {}", c.mac, c.ip);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,97 @@
+// Ignored MACs from a real settings store, pending devices, host names, user agents, trimming.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <unordered_set>
+
+#include <nk/constants.h>
+#include <nk/setmgmt.h>
+
+#include "globals.h"
+#include "stderr_capture.h"
+#include "temp_dir.h"
+#include "utils.h"
+#include "wait.h"
+
+namespace {
+
+class IgnoredMacsTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(nk::setMgmt::init(), 0); }
+    void TearDown() override { nk::setMgmt::uninit(); }
+
+    const std::string key_{nk::kDiscoveryIgnoredMacsKey};
+    nk::test::TempDir dir_;
+    nk::test::ScopedEnv env_{"NK_SETTINGS_DIR", dir_.path()};
+};
+
+TEST_F(IgnoredMacsTest, EveryListIsSplitAtCommasIntoOneSet) {
+    ASSERT_EQ(nk::setMgmt::setKey(key_ + "/lan", "aa:00:00:00:00:01,aa:00:00:00:00:02,"), 0);
+    ASSERT_EQ(nk::setMgmt::setKey(key_ + "/wifi", "aa:00:00:00:00:02"), 0);
+    const std::unordered_set<std::string> expected = {"aa:00:00:00:00:01", "aa:00:00:00:00:02", ""};
+    EXPECT_EQ(discovery_ignored_macs(), expected);
+    EXPECT_EQ(nk::setMgmt::unlockKey(key_), 0) << "the read leaves the key locked";
+}
+
+TEST_F(IgnoredMacsTest, AbsentListIsEmptyAndLogged) {
+    nk::test::StderrCapture capture;
+    EXPECT_TRUE(discovery_ignored_macs().empty());
+    EXPECT_NE(capture.text().find("nk::setMgmt::enumSubkeys failed (key = " + key_),
+              std::string::npos);
+}
+
+TEST(PendingDevices, OnePerLocalIdNamedByTheLeasesAndNoneInLeasesMode) {
+    const macaddr mac("aa:00:00:00:00:05");
+    const address ip("192.168.1.5");
+    g_nkleases_mode = 1;
+    save_pending_device("t-1", mac, ip);
+    EXPECT_TRUE(g_pending_devices.empty());
+
+    g_nkleases_mode = 0;
+    g_hostnames[macaddr("aa:00:00:00:00:07")] = "laptop";
+    save_pending_device("t-1", mac, ip);
+    save_pending_device("t-1", macaddr("aa:00:00:00:00:06"), ip);
+    save_pending_device("t-2", macaddr("aa:00:00:00:00:07"), ip);
+    ASSERT_EQ(g_pending_devices.size(), 2u);
+    const Device& device = g_pending_devices[0];
+    EXPECT_EQ(device.local.device_id, "t-1");
+    EXPECT_EQ(device.cloud.macs.count(mac_key(mac)), 1u);
+    EXPECT_EQ(device.local.macips.get_ips(mac, true), nk::ip_set{ip});
+    EXPECT_EQ(device.cloud.box_detected_name, "*") << "no host name known";
+    EXPECT_EQ(g_pending_devices[1].cloud.box_detected_name, "laptop");
+}
+
+TEST(UserAgents, QueuedParsedAndTheLoopWoken) {
+    ASSERT_EQ(::pipe2(g_event_pipe, O_CLOEXEC | O_NONBLOCK), 0);
+    save_user_agent("192.168.1.9", "aa:00:00:00:00:09", "curl/8.0");
+    EXPECT_TRUE(nk::test::wait_readable(g_event_pipe[0], std::chrono::milliseconds(0)));
+    ::close(g_event_pipe[0]);
+    ::close(g_event_pipe[1]);
+    const std::lock_guard lock(g_user_agents_mutex);
+    ASSERT_EQ(g_user_agents.size(), 1u);
+    EXPECT_EQ(g_user_agents[0].ip, address("192.168.1.9"));
+    EXPECT_EQ(g_user_agents[0].mac, macaddr("aa:00:00:00:00:09"));
+    EXPECT_EQ(g_user_agents[0].user_agent, "curl/8.0");
+}
+
+TEST(StrRtrim, TrailingWhiteSpaceOnly) {
+    struct Case {
+        const char* in;
+        const char* out;
+        bool last_was_space;
+    };
+    for (const Case& c :
+         {Case{"eth0 \t\n", "eth0", false}, Case{"a b", "a b", false}, Case{"  \t", "", true},
+          Case{"", "", false}, Case{" lead\r\v\f", " lead", false}}) {
+        std::string buffer(c.in);
+        buffer.push_back('\0');
+        EXPECT_EQ(str_rtrim(buffer.data()) != 0, c.last_was_space) << c.in;
+        EXPECT_STREQ(buffer.c_str(), c.out) << c.in;
+    }
+}
+
+}  // namespace
