@@ -99,6 +99,9 @@ public:
     void set_device_onguest(int onguest);
     // {"box_detected_name": name, "mac": first cloud MAC}; owned by the caller.
     json_t* get_connect_device_params(const std::string& name) const;
+    // Fetches the named fields (and with `additional` the extra ones) and stores what changed.
+    // The caller holds the device key lock.
+    bool update_device_fields_from_cloud(const std::vector<std::string>& fields, bool additional);
 
     nk::devMgmt::Device to_devmgmt_device() const;
     void from_devmgmt_device(const nk::devMgmt::Device& record);

@@ -14,7 +14,8 @@ std::optional<Device> load_device_from_storage(const std::string& device_id);
 bool load_devices_from_storage(std::vector<Device>& out);
 
 bool load_devices_from_cloud();
-bool sync_devices_to_storage(std::vector<Device>& devices);
+// Carries local-only state over from the stored devices and drops those the cloud forgot.
+void sync_devices_to_storage(const std::vector<Device>& stored);
 // Refreshes the fields of devices waiting for it; true when none is left waiting.
 bool sync_device_info();
 // Takes the loop back to "not loaded", so the next turn loads again.

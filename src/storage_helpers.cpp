@@ -54,18 +54,3 @@ bool load_devices_from_storage(std::vector<Device>& out) {
     }
     return true;
 }
-
-// The cloud list arrives with the inventory's synchronisation; until then nothing loads.
-bool load_devices_from_cloud() {
-    return false;
-}
-void sync_devices_to_storage(const std::vector<Device>& /*stored*/) {}
-bool sync_device_info() {
-    return true;
-}
-
-void reset_devices_loaded() {
-    std::lock_guard lock(g_devices_loaded_mutex);
-    g_cloud_devices_loaded = false;
-    g_local_devices_loaded = false;
-}

@@ -1,0 +1,277 @@
+// The device list loaded from the cloud, reconciled with storage, and fields refreshed: against
+// the cloud emulator, and a scripted connector for answers the emulator never gives.
+#include "storage_helpers.h"
+
+#include <signal.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <set>
+
+#include <fmt/format.h>
+#include <nk/devmgmt.h>
+
+#include "cloud_request.h"
+#include "daemon_process.h"
+#include "globals.h"
+#include "stderr_capture.h"
+#include "test_broker.h"
+
+namespace {
+
+using nk::test::ScopedEnv;
+
+std::string mac_text(int n) {
+    return fmt::format("02:00:00:00:00:{:02x}", n);
+}
+
+std::string marker(const std::string& id) {
+    return nk::setMgmt::getKeyValue("/devices/" + id, "absent");
+}
+
+class DeviceSyncTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(nk::setMgmt::init(), 0);
+        ASSERT_TRUE(broker_.start());
+        ASSERT_NE(g_nkex = nkex_init("nkdevicediscovery", nullptr, nullptr, 1), nullptr);
+    }
+    void TearDown() override {
+        nkex_uninit(g_nkex);
+        nk::devMgmt::close_table();
+        nk::setMgmt::uninit();
+    }
+
+    nk::test::TempDir dir_;
+    ScopedEnv settings_{"NK_SETTINGS_DIR", dir_ / "settings"};
+    ScopedEnv table_{"NK_DEVMGMT_DIR", dir_ / "devmgmt"};
+    nk::test::TestBroker broker_{dir_.path()};
+    ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
+    ScopedEnv timeout_env_{"NKEX_TIMEOUT_MS", "1000"};
+};
+
+// Answers each request with the next scripted text (the last one again when they run out).
+class ScriptedCloudTest : public DeviceSyncTest {
+protected:
+    void SetUp() override {
+        DeviceSyncTest::SetUp();
+        ASSERT_NE(connector_ = nkex_init("nkcloudd", answer, this, 1), nullptr);
+        const char* names[] = {"cloud::connect/box_mgmt/#"};
+        ASSERT_EQ(nkex_subscribe(connector_, names, 1), 0);
+    }
+    void TearDown() override {
+        DeviceSyncTest::TearDown();
+        nkex_uninit(connector_);
+    }
+    static void answer(const Message* m, void* context) {
+        auto* self = static_cast<ScriptedCloudTest*>(context);
+        const std::string& text =
+            self->answers_.at(std::min<std::size_t>(self->requests_++, self->answers_.size() - 1));
+        nkex_send_response(self->connector_, 0, m->id, text.data(), text.size());
+    }
+
+    nkex_handle* connector_ = nullptr;
+    std::vector<std::string> answers_;
+    std::atomic<std::size_t> requests_{0};
+};
+
+std::string page(int number, int devices) {
+    std::string list;
+    for (int i = 0; i < devices; ++i)
+        list += fmt::format(R"({}{{"device_id": "d{}-{}"}})", i ? ", " : "", number, i);
+    return fmt::format(R"({{"result": {{"page": {}, "count": 45, "devices": [{}]}}}})", number,
+                       list);
+}
+
+std::string error(const char* text) {
+    return fmt::format(R"({{"error": {{"data": {{"data": {{"err_data": "{}"}}}}}}}})", text);
+}
+
+TEST_F(ScriptedCloudTest, AnswersOutsideTheProtocolEndTheLoad) {
+    struct Case {
+        std::vector<std::string> answers;
+        bool loaded;
+        std::size_t devices, requests;
+        const char* line;
+    };
+    for (const Case& c : {
+             Case{{page(0, 20), page(1, 20), page(2, 0)}, true, 40, 3, "loading devices"},
+             Case{{page(0, 20), page(2, 20)}, false, 20, 2, "Page 1 was expected, but page 2"},
+             Case{{R"({"result": {"count": 1, "devices": []}})"}, false, 0, 1, "field page"},
+             Case{{R"({"result": {"page": 0, "devices": []}})"}, false, 0, 1, "field count"},
+             Case{{R"({"result": {"page": 0, "count": 1}})"}, false, 0, 1, "extract devices"},
+             // The cloud's "empty list" error fails the load; any other error text ends it.
+             Case{{page(0, 20), error("Empty LIST provided")}, false, 20, 2, "list_devices failed"},
+             Case{{page(0, 20), error("no such box")}, true, 20, 2, "empty device list"},
+         }) {
+        answers_ = c.answers;
+        requests_ = 0;
+        nk::test::StderrCapture capture;
+        EXPECT_EQ(load_devices_from_cloud(), c.loaded) << c.line;
+        EXPECT_NE(capture.text().find(c.line), std::string::npos) << c.line;
+        EXPECT_EQ(g_devices.size(), c.devices) << c.line;
+        EXPECT_EQ(requests_, c.requests) << c.line;
+    }
+}
+
+class EmulatedCloudTest : public DeviceSyncTest {
+protected:
+    void SetUp() override {
+        DeviceSyncTest::SetUp();
+        ASSERT_TRUE(
+            cloud_.start({NK_CLOUD_EMU_BIN, "-f", "--log-level", "3", "--db", db_, "serve"}));
+        ASSERT_TRUE(cloud_.wait_for_line("cloud ready"));
+        g_device_id = nk::setMgmt::getKeyValue("/daemons/nkcloudd/device_id", "");
+    }
+    void TearDown() override {
+        cloud_.stop(SIGTERM);
+        DeviceSyncTest::TearDown();
+    }
+
+    // An operator command; its first output line.
+    std::string emu(const std::string& args) {
+        std::string out;
+        const std::string command = fmt::format("{} --db {} {}", NK_CLOUD_EMU_BIN, db_, args);
+        EXPECT_EQ(nk::test::run_command(command, &out), 0) << args;
+        return out.substr(0, out.find('\n'));
+    }
+
+    // Requests of a command seen by the cloud; once a later marker request shows in its log,
+    // every line before it has been read.
+    int requests_seen(const std::string& command) {
+        const std::string probe = fmt::format("probe-{}", ++probes_);
+        const nk::json_ptr body(json_pack("{s:s}", "probe", probe.c_str()));
+        nk::json_ptr answer;
+        cloud_request("cloud::connect/box_mgmt/probe", body.get(), &answer);
+        EXPECT_TRUE(cloud_.wait_for_line('"' + probe + '"'));
+        return cloud_.count_lines("request " + command + " id=");
+    }
+
+    // This BOX reports the device onbox, with one address listed and another given alone.
+    void set_onbox(const std::string& id, const std::string& mac) {
+        const nk::json_ptr body(json_pack(
+            "{s:{s:s}, s:i, s:{s:{s:[s]}}, s:s}", "connect_destination", "device_id", id.c_str(),
+            "onbox", 1, "ip_list", mac.c_str(), "ipv4", "192.168.1.10", "ip", "192.168.1.99"));
+        nk::json_ptr answer;
+        ASSERT_TRUE(cloud_request(kCloudSetDeviceOnbox, body.get(), &answer));
+    }
+
+    const std::string db_ = dir_ / "cloud.db";
+    nk::test::DaemonProcess cloud_;
+    int probes_ = 0;
+};
+
+TEST_F(EmulatedCloudTest, EveryPageIsFetchedOnceAndEveryDeviceLoaded) {
+    int total = 0;
+    for (const auto& [devices, requests] :
+         std::vector<std::pair<int, int>>{{0, 1}, {1, 1}, {20, 1}, {21, 2}, {45, 3}}) {
+        while (total < devices)
+            emu("add " + mac_text(++total));
+        const int before = requests_seen("list_devices_v2");
+        ASSERT_TRUE(load_devices_from_cloud()) << devices;
+        EXPECT_EQ(requests_seen("list_devices_v2") - before, requests) << devices;
+        std::set<std::string> macs;
+        for (const Device& d : g_devices)
+            macs.insert(d.cloud.macs.empty() ? "" : d.cloud.macs.begin()->first);
+        EXPECT_EQ(macs.size(), static_cast<std::size_t>(devices));
+    }
+}
+
+TEST_F(EmulatedCloudTest, SyncCarriesLocalStateOverAndDropsWhatTheCloudForgot) {
+    const macaddr kept(mac_text(1)), dropped(mac_text(2)), forgotten(mac_text(3));
+    const std::string managed = emu("add " + kept.to_string());
+    const std::string fresh = emu("add " + mac_text(4));
+    set_onbox(managed, kept.to_string());
+    emu("rename " + managed + " Kitchen");
+    Device old, gone;
+    old.cloud.device_id = managed;
+    old.local.device_id = "local-1";
+    old.local.macips.add_ip(kept, address("192.168.1.10"));
+    old.local.macips.add_ip(dropped, address("192.168.1.20"));
+    gone.cloud.device_id = "gone";
+    gone.local.macips.add_ip(forgotten, address("192.168.1.30"));
+    for (const Device& d : {old, gone})
+        ASSERT_TRUE(write_device_to_storage(d, true));
+    for (const macaddr& mac : {kept, forgotten}) {
+        g_user_agent_cache.add(mac, {"agent"});
+        g_fingerprint_cache.add(mac, {});
+    }
+
+    ASSERT_TRUE(load_devices_from_cloud());
+    std::vector<Device> stored;
+    ASSERT_TRUE(load_devices_from_storage(stored));
+    sync_devices_to_storage(stored);
+
+    const Device* m = find_device_by_dev_id(managed);
+    ASSERT_NE(m, nullptr);
+    EXPECT_EQ(m->local.device_id, "local-1");
+    const nk::ip_set listed{address("192.168.1.10")};
+    EXPECT_EQ(m->cloud.macips.get_ips(kept, true), listed);  // "ip_list" wins over "ip"
+    EXPECT_EQ(m->local.macips.get_ips(kept, true), listed);
+    EXPECT_TRUE(m->local.macips.has_mac(dropped));
+    EXPECT_TRUE(m->local.macips.get_ips(dropped, true).empty());
+    EXPECT_EQ(m->local.onbox_info.onbox, 1);
+    EXPECT_TRUE(m->local.onbox_info.to_send);  // the cloud has not seen the second MAC
+    EXPECT_EQ(load_device_from_storage(managed)->cloud.friendly_name, "Kitchen");
+    const Device* f = find_device_by_dev_id(fresh);
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(f->local.device_id, fresh);
+    EXPECT_EQ(f->local.onbox_info.onbox, 0);
+    EXPECT_EQ(marker(fresh), "1");
+    EXPECT_EQ(marker("gone"), "absent");
+    EXPECT_FALSE(load_device_from_storage("gone"));
+    EXPECT_EQ(g_user_agent_cache.count(forgotten) + g_fingerprint_cache.count(forgotten), 0u);
+    EXPECT_EQ(g_user_agent_cache.count(kept), 1u);
+}
+
+TEST_F(EmulatedCloudTest, RefreshStoresChangedFieldsAndKeepsThisBoxsOnbox) {
+    const std::string id = emu("add " + mac_text(1) + " Phone");
+    ASSERT_TRUE(load_devices_from_cloud());
+    Device& d = g_devices.at(0);
+    ASSERT_TRUE(write_device_to_storage(d, false));
+    emu("rename " + id + " Tablet");
+    ASSERT_TRUE(d.update_device_fields_from_cloud({"friendly_name"}, false));
+    EXPECT_EQ(d.cloud.display_name, "Tablet");  // asked for along with any *_name
+    EXPECT_EQ(marker(id), "1");
+    ASSERT_TRUE(write_device_to_storage(d, false));
+    ASSERT_TRUE(d.update_device_fields_from_cloud(
+        {"friendly_name", "device_os", "va_scan_level", "traffic", "apps", "onbox"}, true));
+    EXPECT_EQ(marker(id), "0") << "nothing changed, nothing written";
+
+    set_onbox(id, mac_text(1));
+    ASSERT_TRUE(d.update_device_fields_from_cloud({"box_device_id", "onbox"}, false));
+    EXPECT_EQ(d.cloud.box_device_id, g_device_id);
+    EXPECT_EQ(d.local.onbox_info.onbox, 0) << "this BOX's own value wins";
+    g_device_id = "another-box";
+    ASSERT_TRUE(d.update_device_fields_from_cloud({"onbox"}, false));
+    EXPECT_EQ(d.local.onbox_info.onbox, 1);
+}
+
+TEST_F(EmulatedCloudTest, LateOrSilentCloudChangesNothingAndIsTriedAgain) {
+    const std::string id = emu("add " + mac_text(1));
+    emu("fault add delay=2500,command=list_devices_v2,count=1");
+    EXPECT_FALSE(load_devices_from_cloud());
+    ASSERT_TRUE(load_devices_from_cloud());
+    ASSERT_EQ(g_devices.size(), 1u);
+
+    Device& d = g_devices[0];
+    d.info_sync_pending = 1;
+    d.info_sync_pending_since = 100;
+    g_sync_retry_interval = 60;
+    emu("rename " + id + " Tablet");
+    const int before = requests_seen("get_device_info");
+    g_now = 159;
+    EXPECT_FALSE(sync_device_info());
+    EXPECT_EQ(requests_seen("get_device_info"), before) << "not due yet";
+    emu("fault add drop,command=get_device_info,count=1");
+    g_now = 160;
+    EXPECT_FALSE(sync_device_info());
+    EXPECT_EQ(d.info_sync_pending, 1);
+    EXPECT_EQ(d.cloud.friendly_name, "");
+    EXPECT_TRUE(sync_device_info());
+    EXPECT_EQ(d.info_sync_pending, 0);
+    EXPECT_EQ(d.cloud.friendly_name, "Tablet");
+}
+
+}  // namespace
