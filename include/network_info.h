@@ -5,9 +5,11 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
+#include <fmt/format.h>
 #include <nk/sockutl.h>
 
 namespace nk::netMgmt {
@@ -27,11 +29,19 @@ struct Interface {
     Interface(std::string name_, InterfaceType type_, bool is_guest_)
         : name(std::move(name_)), type(type_), is_guest(is_guest_) {}
 
+    // Whether one of the addresses of the address's own family is this one.
+    bool has_ip(const nk::sockutl::address& ip) const;
+
     friend bool operator==(const Interface& a, const Interface& b) {
         return a.name == b.name && a.type == b.type && a.mac == b.mac && a.ipv4 == b.ipv4 &&
                a.ipv6 == b.ipv6 && a.is_guest == b.is_guest;
     }
+    friend bool operator!=(const Interface& a, const Interface& b) { return !(a == b); }
 };
+
+inline std::string_view type_name(InterfaceType type) {
+    return type == WAN ? "wan" : "lan";
+}
 
 }  // namespace nk::netMgmt
 
@@ -47,3 +57,24 @@ bool is_on_box(const std::string& mac);
 
 extern std::vector<nk::netMgmt::Interface> g_interfaces;
 extern std::mutex g_interfaces_mutex;
+
+// An address with its netmask as a prefix length: 192.168.1.1/24.
+template <>
+struct fmt::formatter<nk::netMgmt::AddressPair> : fmt::formatter<std::string_view> {
+    template <typename Ctx>
+    auto format(const nk::netMgmt::AddressPair& pair, Ctx& ctx) const {
+        return fmt::format_to(ctx.out(), "{}/{:d}", pair.first, pair.second.to_prefix());
+    }
+};
+
+// Address sets appear comma-separated, as they are published.
+template <>
+struct fmt::formatter<nk::netMgmt::Interface> : fmt::formatter<std::string_view> {
+    template <typename Ctx>
+    auto format(const nk::netMgmt::Interface& iface, Ctx& ctx) const {
+        return fmt::format_to(
+            ctx.out(), "name={:s}, type={:s}, mac={}, ipv4={}, ipv6={}, is_guest={:d}", iface.name,
+            nk::netMgmt::type_name(iface.type), iface.mac, fmt::join(iface.ipv4, ","),
+            fmt::join(iface.ipv6, ","), iface.is_guest);
+    }
+};
