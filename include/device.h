@@ -103,6 +103,18 @@ public:
     // The caller holds the device key lock.
     bool update_device_fields_from_cloud(const std::vector<std::string>& fields, bool additional);
 
+    // Registers the device's first cloud MAC; the id the cloud gave (or "") becomes its id.
+    bool add_device_to_cloud();
+    // Registers a device seen for the first time and prepares it for the inventory.
+    void connect_device(int on_guest);
+    // Reports a new host name to the cloud. The caller holds the device key lock.
+    void update_box_detected_name(const std::string& name);
+
+    // Reports the onbox state when one is due and the gate allows it.
+    void handle_onbox_info();
+    // True when the cloud took the report or it is too soon to send another.
+    bool send_onbox_to_cloud();
+
     nk::devMgmt::Device to_devmgmt_device() const;
     void from_devmgmt_device(const nk::devMgmt::Device& record);
 

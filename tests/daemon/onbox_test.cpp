@@ -1,0 +1,136 @@
+// Onbox reports to the cloud and the gate that switches them off.
+#include <string>
+
+#include <nk/json.h>
+#include <nk/setmgmt.h>
+
+#include "device.h"
+#include "scripted_cloud.h"
+#include "stderr_capture.h"
+#include "wait.h"
+
+namespace {
+
+const macaddr kMac("a4:5e:60:c2:1f:0b");
+
+nk::onbox::Guardian& gate() {
+    return nk::onbox::Guardian::instance();
+}
+
+class OnboxTest : public nk::test::CloudTest {
+protected:
+    void SetUp() override {
+        CloudTest::SetUp();
+        g_feature_onbox_status = true;
+        ASSERT_TRUE(gate().init());
+    }
+};
+
+// A device with a report pending.
+Device pending(int onbox, const std::string& box_device_id) {
+    Device device("d-1", kMac, {}, "laptop");
+    device.cloud.device_id = "d-1";
+    device.cloud.box_device_id = box_device_id;
+    device.local.macips.add_mac(kMac);
+    device.local.onbox_info = OnboxInfo{onbox, true, 0};
+    return device;
+}
+
+bool same_json(const std::string& a, const char* b) {
+    const nk::json_ptr x(json_loads(a.c_str(), 0, nullptr));
+    const nk::json_ptr y(json_loads(b, 0, nullptr));
+    return x && y && json_equal(x.get(), y.get());
+}
+
+TEST_F(OnboxTest, WhatIsReportedAndWhatASuccessChanges) {
+    struct Case {
+        int onbox;
+        const char* box_device_id;
+        bool with_addresses;
+        const char* body;  // null: never reported
+        const char* box_after;
+    };
+    for (const Case& c : {
+             Case{1, "box-2", false,
+                  R"({"connect_destination": {"device_id": "d-1"}, "onbox": 1, "network": 0,
+                      "ip_list": {}})",
+                  "box-1"},
+             Case{1, "box-1", true,
+                  R"({"connect_destination": {"device_id": "d-1"}, "onbox": 1, "network": 1,
+                      "ip_list": {"a4:5e:60:c2:1f:0b": {"ipv4": ["192.168.1.20"],
+                                                         "ipv6": ["2001:db8::5"]}},
+                      "ip": "192.168.1.20"})",
+                  "box-1"},
+             Case{0, "box-1", true, R"({"connect_destination": {"device_id": "d-1"}, "onbox": 0})",
+                  "box-1"},
+             Case{0, "box-2", false, nullptr, "box-2"},  // another BOX's device
+         }) {
+        Device device = pending(c.onbox, c.box_device_id);
+        if (c.with_addresses) {
+            device.cloud.onguest = 1;
+            for (const char* ip : {"192.168.1.20", "fe80::1", "2001:db8::5"})
+                device.local.macips.add_ip(kMac, address(ip));
+            device.local.macips.add_mac(macaddr("a4:5e:60:c2:1f:0c"));  // no address: left out
+        }
+        const std::size_t before = sent();
+
+        device.handle_onbox_info();
+
+        const std::string what = c.body ? c.body : "not reported";
+        ASSERT_EQ(sent(), before + (c.body ? 1 : 0)) << what;
+        if (c.body) {
+            EXPECT_TRUE(same_json(cloud_.sent().back().second, c.body)) << what;
+        }
+        EXPECT_FALSE(device.local.onbox_info.to_send) << what;
+        EXPECT_EQ(device.cloud.box_device_id, c.box_after) << what;
+        EXPECT_EQ(nk::setMgmt::getKeyValue("/devices/d-1", "absent"), "1") << what;
+        nk::setMgmt::deleteKey("/devices/d-1");
+    }
+}
+
+TEST_F(OnboxTest, GateFollowsTheSwitchWhileRunning) {
+    Device device = pending(1, "box-1");
+    for (const char* value : {"0", "1"}) {
+        ASSERT_EQ(nk::setMgmt::setKey("/features/onbox/enabled", value), 0);
+        ASSERT_TRUE(nk::test::wait_readable(gate().get_fd()));
+        gate().read_fd();
+        EXPECT_EQ(gate().allows(), value[0] == '1');
+        device.handle_onbox_info();
+        EXPECT_EQ(sent(), value[0] == '1' ? 1u : 0u);
+    }
+    g_feature_onbox_status = false;
+    EXPECT_FALSE(gate().allows());
+}
+
+TEST_F(OnboxTest, CloudFailureKeepsTheReportPendingForALaterTry) {
+    struct Case {
+        const char* answer;  // null: no answer at all
+        int status;
+        const char* line;
+    };
+    for (const Case& c :
+         {Case{R"({"error": {"code": 500, "data": {"code": 42}}})", 0, "Error code: 42"},
+          Case{"{}", 3, "set_device_onbox returned status=3"},
+          Case{nullptr, 0, "set_device_onbox failed"}}) {
+        g_now = 1000;
+        cloud_.set("set_device_onbox", c.answer, c.status);
+        Device device = pending(1, "box-1");
+        nk::test::StderrCapture capture;
+        device.handle_onbox_info();
+        const std::string log = capture.text();
+        EXPECT_NE(log.find(c.line), std::string::npos) << log;
+        EXPECT_NE(log.find("Failed to send onbox to cloud"), std::string::npos) << c.line;
+
+        const std::size_t before = sent();
+        cloud_.set("set_device_onbox", R"({"result": {}})");
+        g_now = 1029;  // too soon: nothing sent, still pending
+        EXPECT_TRUE(device.send_onbox_to_cloud()) << c.line;
+        EXPECT_TRUE(device.local.onbox_info.to_send) << c.line;
+        g_now = 1030;
+        device.handle_onbox_info();
+        EXPECT_EQ(sent(), before + 1) << c.line;
+        EXPECT_FALSE(device.local.onbox_info.to_send) << c.line;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,101 @@
+// Registering devices and reporting host names.
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "device.h"
+#include "scripted_cloud.h"
+#include "storage_helpers.h"
+#include "utils.h"
+
+namespace {
+
+const macaddr kMac("a4:5e:60:c2:1f:0b");
+
+class RegistrationTest : public nk::test::CloudTest {};
+
+TEST_F(RegistrationTest, ConnectRegistersReportsAndBlocksTheMacForTheInterval) {
+    g_feature_onbox_status = true;
+    ASSERT_TRUE(nk::onbox::Guardian::instance().init());
+    g_sync_poll_interval = 60;
+    g_device_info_sync_timer = nk::time::Timer::make(nk::time::TIMER_OWNED);
+    g_temporary_device_ids[mac_key(kMac)] = "00000000-0000-0000-0000-000000000001";
+
+    Device device("", kMac, {address("192.168.1.20")}, "laptop");
+    device.connect_device(1);
+
+    EXPECT_EQ(device.local.device_id, "d-1");
+    EXPECT_EQ(device.cloud.onguest, 1);
+    EXPECT_EQ(device.info_sync_pending, 1);
+    EXPECT_TRUE(g_device_info_sync_timer->is_running());
+    EXPECT_FALSE(device.local.onbox_info.to_send);  // reported at once
+    const auto requests = cloud_.sent();
+    ASSERT_EQ(requests.size(), 3u);
+    EXPECT_EQ(requests[0].second,
+              R"({"box_detected_name": "laptop", "mac": ")" + kMac.to_string(false) + R"("})");
+    EXPECT_EQ(requests[2].first, "set_device_onbox");
+    EXPECT_EQ(nk::setMgmt::getKeyValue("/devices/d-1", "absent"), "0");
+    EXPECT_TRUE(load_device_from_storage("d-1").has_value());
+    EXPECT_TRUE(g_temporary_device_ids.empty()) << "the permanent id was not announced";
+
+    // The same MAC again (a removed device coming back, or a new name) waits out the interval.
+    Device again("", kMac, {}, "laptop");
+    g_now = 1179;
+    EXPECT_FALSE(again.add_device_to_cloud());
+    device.update_box_detected_name("renamed");
+    EXPECT_EQ(device.cloud.box_detected_name, "laptop");
+    EXPECT_EQ(sent(), 3u);
+    g_now = 1180;
+    EXPECT_TRUE(again.add_device_to_cloud());
+    EXPECT_EQ(sent(), 4u);
+}
+
+TEST_F(RegistrationTest, FailedRegistrationLeavesNoStampSoTheNextSightingRetries) {
+    for (const char* answer : {R"({"error": {"code": 500}})", R"({"result": {}})",
+                               R"({"result": {"device_id": 7}})", "not json", (const char*)0}) {
+        const std::string label = answer ? answer : "no answer";
+        cloud_.set("connect_device", answer);
+        Device device("", kMac, {}, "laptop");
+        device.cloud.device_id = "stale";
+        const std::size_t before = sent();
+        EXPECT_FALSE(device.add_device_to_cloud() || device.add_device_to_cloud()) << label;
+        EXPECT_EQ(sent(), before + 2) << label;
+        EXPECT_EQ(device.cloud.device_id, "") << label;
+        EXPECT_TRUE(g_connect_device_times.empty()) << label;
+    }
+    Device invalid("", macaddr(), {}, "x");  // never asked
+    EXPECT_FALSE(invalid.add_device_to_cloud());
+    EXPECT_EQ(sent(), 10u);
+}
+
+TEST_F(RegistrationTest, NameUpdates) {
+    struct Case {
+        const char* name;
+        const char* cloud_id;  // null: nothing may be sent
+        const char* kept_name;
+    };
+    for (const Case& c : {Case{"", nullptr, "laptop"}, Case{"*", nullptr, "laptop"},
+                          Case{"laptop", nullptr, "laptop"}, Case{"old", nullptr, "laptop"},
+                          Case{"desk", "d-1", "desk"}, Case{"desk-2", "d-9", "laptop"}}) {
+        g_connect_device_times.clear();
+        g_cloud_devices_loaded = g_local_devices_loaded = true;
+        if (c.cloud_id)
+            cloud_.set("connect_device", nk::test::id_answer(c.cloud_id).c_str());
+        Device device("d-1", kMac, {}, "laptop");
+        device.cloud.device_id = "d-1";
+        device.cloud.box_detected_name_history = {"old"};
+        const std::size_t before = sent();
+
+        device.update_box_detected_name(c.name);
+
+        EXPECT_EQ(sent(), before + (c.cloud_id ? 1 : 0)) << c.name;
+        EXPECT_EQ(device.cloud.box_detected_name, c.kept_name) << c.name;
+        const bool reloads = c.cloud_id && std::string(c.cloud_id) != "d-1";
+        EXPECT_EQ(g_cloud_devices_loaded || g_local_devices_loaded, !reloads) << c.name;
+    }
+    const std::optional<Device> stored = load_device_from_storage("d-1");
+    ASSERT_TRUE(stored.has_value());
+    EXPECT_EQ(stored->cloud.box_detected_name, "desk");
+}
+
+}  // namespace
