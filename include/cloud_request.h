@@ -3,6 +3,8 @@
 
 #include <jansson.h>
 
+#include <optional>
+
 #include <nk/json.h>
 #include <nk/nkex.h>
 
@@ -13,6 +15,9 @@ inline constexpr const char* kCloudSetDeviceOnbox = "cloud::connect/box_mgmt/set
 inline constexpr const char* kCloudSetAdditionalInfo =
     "cloud::connect/box_mgmt/set_device_additional_info";
 inline constexpr const char* kCloudSetDeviceType = "cloud::connect/box_mgmt/set_device_type";
+
+// A field of a cloud answer read as an integer: a JSON integer, or a boolean as 0/1.
+std::optional<int> cloud_int(const json_t* value);
 
 // Waits for the connector's answer; on success `result` holds the parsed answer.
 bool cloud_request(const char* destination, const json_t* body, nk::json_ptr* result);

@@ -17,6 +17,14 @@ using response_ptr = std::unique_ptr<Message, ResponseDeleter>;
 
 }  // namespace
 
+std::optional<int> cloud_int(const json_t* value) {
+    if (json_is_integer(value))
+        return static_cast<int>(json_integer_value(value));
+    if (json_is_boolean(value))
+        return json_is_true(value) ? 1 : 0;
+    return std::nullopt;
+}
+
 bool cloud_request(const char* destination, const json_t* body, nk::json_ptr* result) {
     const nk::json_text text(json_dumps(body, 0));
     if (!text)

@@ -60,14 +60,6 @@ nk::json_ptr make_info_request(const std::string& device_id, const std::vector<s
     return body;
 }
 
-std::optional<int> int_value(const json_t* value) {
-    if (json_is_integer(value))
-        return static_cast<int>(json_integer_value(value));
-    if (json_is_boolean(value))
-        return json_is_true(value) ? 1 : 0;
-    return std::nullopt;
-}
-
 // Copies the requested fields of a device-info answer into a device, noting any change.
 class FieldUpdate {
 public:
@@ -118,7 +110,7 @@ public:
                    device_.cloud.device_id);
             return;
         }
-        if (const std::optional<int> value = int_value(json_object_get(traffic, "blocked")))
+        if (const std::optional<int> value = cloud_int(json_object_get(traffic, "blocked")))
             assign(device_.cloud.blocked, *value);
     }
 
@@ -129,7 +121,7 @@ public:
         const json_t* app = nullptr;
         json_array_foreach(json_object_get(result_, "apps"), index, app) {
             const char* id = nk::json_string_member(app, "app_id");
-            const std::optional<int> enable = int_value(json_object_get(app, "enable"));
+            const std::optional<int> enable = cloud_int(json_object_get(app, "enable"));
             if (id && json_object_get(app, "state") && enable)
                 set_app(id, *enable);
         }
@@ -139,7 +131,7 @@ public:
     void onbox() {
         if (!requested("onbox"))
             return;
-        const std::optional<int> value = int_value(json_object_get(result_, "onbox"));
+        const std::optional<int> value = cloud_int(json_object_get(result_, "onbox"));
         const int onbox = value.value_or(0);
         if (onbox == device_.local.onbox_info.onbox || device_.cloud.box_device_id == g_device_id)
             return;

@@ -48,15 +48,6 @@ std::string lower(std::string text) {
     return text;
 }
 
-// A JSON integer, or a boolean as 0/1.
-std::optional<int> int_value(const json_t* value) {
-    if (json_is_integer(value))
-        return static_cast<int>(json_integer_value(value));
-    if (json_is_boolean(value))
-        return json_is_true(value) ? 1 : 0;
-    return std::nullopt;
-}
-
 void read_string(const json_t* object, const char* key, std::string& out) {
     if (const char* text = nk::json_string_member(object, key))
         out = text;
@@ -83,7 +74,7 @@ void read_apps(const json_t* array, CloudData& cloud) {
     json_array_foreach(array, index, app) {
         const char* id = nk::json_string_member(app, "app_id");
         const json_t* state = json_object_get(app, "state");
-        const std::optional<int> enable = int_value(json_object_get(app, "enable"));
+        const std::optional<int> enable = cloud_int(json_object_get(app, "enable"));
         if (id && json_is_integer(state) && enable && json_integer_value(state) == 1)
             cloud.apps[id] = *enable;
     }
@@ -160,7 +151,7 @@ Device device_from_list(const json_t* object) {
     read_int(object, "scan_level", c.scan_level);
     read_va_scan_level(object, c);
     if (const std::optional<int> blocked =
-            int_value(nk::json_object_get_recursive(object, {"traffic", "blocked"})))
+            cloud_int(nk::json_object_get_recursive(object, {"traffic", "blocked"})))
         c.blocked = *blocked;
     read_int(object, "onbox", c.onbox);
     read_addresses(object, c);

@@ -127,7 +127,7 @@ std::optional<Fault> parse_fault(std::string_view spec, std::string& why) {
     if (!apply_kind(fault, next_item(rest), why))
         return std::nullopt;
     while (!rest.empty()) {
-        // The text runs to the end of the spec, so that it may hold commas.
+        // The text runs to the end of the fault, so that it may hold commas.
         if (rest.substr(0, 5) == "text=") {
             fault.text = std::string(rest.substr(5));
             break;
