@@ -88,13 +88,6 @@ TEST_F(GlobalsTest, AddDeviceToCloudIsTheLongerNeighbourExpiry) {
     }
 }
 
-TEST_F(GlobalsTest, UninitDropsTimerAndIntervals) {
-    ASSERT_TRUE(init_globals());
-    EXPECT_TRUE(uninit_globals());
-    EXPECT_FALSE(g_device_info_sync_timer.has_value());
-    EXPECT_TRUE(g_retry_interval.empty());
-}
-
 TEST_F(GlobalsTest, FeatureChangeFlipsOnlyItsFlag) {
     ASSERT_TRUE(init_globals());
     set("/features/ids/1", "1");

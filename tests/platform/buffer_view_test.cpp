@@ -46,17 +46,6 @@ TEST(BufferView, ReadnAtTheEnd) {
     EXPECT_FALSE(buffer_view().readn<char>(0));
 }
 
-TEST(BufferView, PositionPastTheSizeIsEmpty) {
-    const std::uint8_t raw[] = {1, 2, 3};
-    buffer_view view(raw, sizeof(raw));
-    view.pos = 10;
-    EXPECT_EQ(view.remaining(), 0u);
-    EXPECT_TRUE(view.empty());
-    EXPECT_FALSE(view.read<std::uint8_t>());
-    EXPECT_FALSE(view.readn<char>(0));
-    EXPECT_FALSE(view.sub(1));
-}
-
 // A length-prefixed record parser over every truncation of a valid message: each prefix
 // must be rejected cleanly (and ASan would catch any read past the end).
 std::optional<std::string> parse_record(buffer_view view) {

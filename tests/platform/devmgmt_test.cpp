@@ -86,21 +86,6 @@ protected:
     ScopedEnv env_{nk::kDevmgmtDirEnv, dir_ / "shm/devmgmt"};
 };
 
-TEST_F(DevmgmtTest, StoredFormIsCompactJsonWithFieldNames) {
-    const nk::json_ptr json(sample("id1").to_json());
-    const nk::json_text text(json_dumps(json.get(), JSON_COMPACT | JSON_SORT_KEYS));
-    EXPECT_STREQ(
-        text.get(),
-        R"({"apps":{"netflix":3,"zoom":-1},"blocked":1,"box_detected_name":"samsung-tv",)"
-        R"("box_detected_name_history":"[\"a\",\"b\"]","box_device_id":"b1",)"
-        R"("created":1700000000123,"device_id":"id1","device_model":"QE55","device_os":"tizen",)"
-        R"("device_os_version":"6.5","device_type":"tv","display_name":"Kitchen \"TV\"",)"
-        R"("friendly_name":"tv","local_id":"local-id1","mac_vendor":"Samsung",)"
-        R"("macips":{"aa:bb:cc:dd:ee:01":["192.168.1.20","fe80::1"],"aa:bb:cc:dd:ee:02":[]},)"
-        R"("onbox":6,"onguest":3,"profile_id":"p1","scan_level":4,"upnp_enabled":2,)"
-        R"("va_scan_level":5})");
-}
-
 TEST_F(DevmgmtTest, EveryFieldRoundTripsThroughTheTable) {
     const Device stored = sample("id1");
     ASSERT_TRUE(stored.write_to_shmem());
@@ -123,15 +108,6 @@ TEST_F(DevmgmtTest, DeleteAndAbsentRecords) {
     EXPECT_FALSE(absent.load_from_shmem(false, true));
     EXPECT_EQ(absent, sample("id1"));  // untouched
     EXPECT_TRUE(Device::list().empty());
-}
-
-TEST_F(DevmgmtTest, ListIsOrderedByDeviceId) {
-    for (const char* id : {"c", "a", "b"})
-        ASSERT_TRUE(sample(id).write_to_shmem());
-    std::vector<std::string> ids;
-    for (const Device& d : Device::list())
-        ids.push_back(d.device_id);
-    EXPECT_EQ(ids, (std::vector<std::string>{"a", "b", "c"}));
 }
 
 TEST_F(DevmgmtTest, IdsBeyondTheKeyLimitFailCleanly) {
@@ -189,16 +165,6 @@ TEST_F(DevmgmtTest, FullMapIsAnErrorAndTheTableSurvives) {
     EXPECT_EQ(Device::list().size(), static_cast<std::size_t>(written) + 1);
 }
 
-TEST_F(DevmgmtTest, ChangingTheDirectorySwitchesTables) {
-    ASSERT_TRUE(sample("id1").write_to_shmem());
-    {
-        const ScopedEnv other(nk::kDevmgmtDirEnv, dir_ / "other");
-        EXPECT_FALSE(load("id1"));
-        EXPECT_TRUE(Device::list().empty());
-    }
-    EXPECT_TRUE(load("id1"));
-}
-
 TEST_F(DevmgmtTest, TableDescriptorsAreCloseOnExec) {
     ASSERT_TRUE(sample("id1").write_to_shmem());
     DIR* fds = ::opendir("/proc/self/fd");
@@ -216,22 +182,6 @@ TEST_F(DevmgmtTest, TableDescriptorsAreCloseOnExec) {
     }
     ::closedir(fds);
     EXPECT_GE(table_fds, 2);  // data and lock file
-}
-
-TEST_F(DevmgmtTest, ThreadsShareTheTable) {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < 25; ++i) {
-                const std::string id = "t" + std::to_string(t) + "-" + std::to_string(i);
-                EXPECT_TRUE(sample(id).write_to_shmem());
-                EXPECT_EQ(load(id), sample(id));
-            }
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(Device::list().size(), 100u);
 }
 
 TEST_F(DevmgmtTest, InvalidUtf8IsReplacedNotRefused) {

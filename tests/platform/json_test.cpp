@@ -32,22 +32,6 @@ TEST(Json, GetRecursive) {
     EXPECT_EQ(nk::json_object_get_recursive(nullptr, {"a"}), nullptr);
 }
 
-TEST(Json, StringMemberAndDump) {
-    const auto json = parse(R"({"s": "text", "i": 3, "e": ""})");
-    EXPECT_STREQ(nk::json_string_member(json.get(), "s"), "text");
-    EXPECT_STREQ(nk::json_string_member(json.get(), "e"), "");
-    EXPECT_EQ(nk::json_string_member(json.get(), "i"), nullptr);
-    EXPECT_EQ(nk::json_string_member(json.get(), "none"), nullptr);
-    EXPECT_EQ(nk::json_string_member(nullptr, "s"), nullptr);
-    const auto array = parse(R"(["s"])");
-    EXPECT_EQ(nk::json_string_member(array.get(), "s"), nullptr);
-
-    EXPECT_EQ(nk::json_dump_compact(json.get()), R"({"s":"text","i":3,"e":""})");
-    EXPECT_EQ(nk::json_dump_compact(nullptr), "");
-    const nk::json_ptr scalar(json_integer(5));
-    EXPECT_EQ(nk::json_dump_compact(scalar.get()), "5");
-}
-
 TEST(Json, CloudAnswers) {
     struct Case {
         const char* answer;

@@ -69,25 +69,6 @@ TEST_F(Log, LineForm) {
     EXPECT_LE(stamped, after);
 }
 
-TEST_F(Log, LevelNamesKeepTheColumns) {
-    lg::set_level(lg::TRACE);
-    StderrCapture capture;
-    NK_LOG(lg::ERROR, "m");
-    NK_LOG(lg::WARN, "m");
-    NK_LOG(lg::INFO, "m");
-    NK_LOG(lg::DEBUG, "m");
-    NK_LOG(lg::TRACE, "m");
-    const auto lines = lines_of(capture.text());
-    ASSERT_EQ(lines.size(), 5u);
-    const char* names[] = {"ERROR", " WARN", " INFO", "DEBUG", "TRACE"};
-    for (std::size_t i = 0; i < lines.size(); ++i) {
-        SCOPED_TRACE(lines[i]);
-        const std::size_t bracket = lines[i].find(" [log_test.cpp:");
-        ASSERT_NE(bracket, std::string::npos);
-        EXPECT_EQ(lines[i].substr(bracket - 5, 5), names[i]);
-    }
-}
-
 TEST_F(Log, BelowTheLevelNeitherPrintsNorFormats) {
     int evaluated = 0;
     const auto costly = [&evaluated] { return ++evaluated; };

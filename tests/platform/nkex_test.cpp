@@ -182,18 +182,6 @@ TEST_F(NkexTest, EventsSentJustBeforeUninitArrive) {
     EXPECT_EQ(sink.received().size(), 50u);
 }
 
-TEST_F(NkexTest, SendRejectsBadNames) {
-    Peer p("p");
-    ASSERT_TRUE(p.handle());
-    const std::string too_long(NKEX_NAME_MAX, 'n');
-    for (const char* name : {static_cast<const char*>(nullptr), "", "a/+", "#", too_long.c_str()}) {
-        EXPECT_NE(nkex_send_message(p.handle(), name, "x", 1), 0);
-        EXPECT_NE(nkex_send_request(p.handle(), name, "x", 1, &AsyncAnswer::record, nullptr), 0);
-    }
-    const char* names[] = {"ok", ""};
-    EXPECT_NE(nkex_subscribe(p.handle(), names, 2), 0);
-}
-
 TEST_F(NkexTest, RequestsAreAnsweredWithTheResponderStatus) {
     Peer responder("responder", {"request_device_id"});
     Peer requester("requester");
