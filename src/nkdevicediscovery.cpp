@@ -92,6 +92,25 @@ bool make_loop_timer(Unwinder& unwind, int& fd) {
     return true;
 }
 
+struct LoopTimerSpec {
+    int LoopTimers::*fd;
+    int level;
+    const char* failure;
+};
+
+// The loop timers after the list-devices one, in their order of creation.
+constexpr LoopTimerSpec kLoopTimers[] = {
+    {&LoopTimers::retry, nk::log::WARN, "can not create retry timer"},
+    {&LoopTimers::net_info, nk::log::WARN, "can not create update_net_info_tfd"},
+    {&LoopTimers::upnp_submission, nk::log::ERROR, "Failed to create UPnP submission timer"},
+    {&LoopTimers::upnp_flush, nk::log::ERROR, "Failed to create UPnP flush timer"},
+    {&LoopTimers::avahi_submission, nk::log::WARN, "Failed to create Avahi submission timer"},
+    {&LoopTimers::avahi_flush, nk::log::ERROR, "Failed to create Avahi flush timer"},
+    {&LoopTimers::netbios_submission, nk::log::ERROR, "Failed to create NetBIOS submission timer"},
+    {&LoopTimers::netbios_flush, nk::log::ERROR, "Failed to create NetBIOS flush timer"},
+    {&LoopTimers::respawn_threshold, nk::log::WARN, "Failed to create respawn_threshold_tfd"},
+};
+
 // Creates the loop's timers in their fixed order, each failure with its own line.
 bool make_timers(Unwinder& unwind, LoopTimers& t) {
     if (!make_loop_timer(unwind, t.load_devices)) {
@@ -104,41 +123,11 @@ bool make_timers(Unwinder& unwind, LoopTimers& t) {
         return false;
     }
     unwind.push([&t] { t.list_devices.reset(); });
-    if (!make_loop_timer(unwind, t.retry)) {
-        NK_LOG(nk::log::WARN, "can not create retry timer");
-        return false;
-    }
-    if (!make_loop_timer(unwind, t.net_info)) {
-        NK_LOG(nk::log::WARN, "can not create update_net_info_tfd");
-        return false;
-    }
-    if (!make_loop_timer(unwind, t.upnp_submission)) {
-        NK_LOG(nk::log::ERROR, "Failed to create UPnP submission timer");
-        return false;
-    }
-    if (!make_loop_timer(unwind, t.upnp_flush)) {
-        NK_LOG(nk::log::ERROR, "Failed to create UPnP flush timer");
-        return false;
-    }
-    if (!make_loop_timer(unwind, t.avahi_submission)) {
-        NK_LOG(nk::log::WARN, "Failed to create Avahi submission timer");
-        return false;
-    }
-    if (!make_loop_timer(unwind, t.avahi_flush)) {
-        NK_LOG(nk::log::ERROR, "Failed to create Avahi flush timer");
-        return false;
-    }
-    if (!make_loop_timer(unwind, t.netbios_submission)) {
-        NK_LOG(nk::log::ERROR, "Failed to create NetBIOS submission timer");
-        return false;
-    }
-    if (!make_loop_timer(unwind, t.netbios_flush)) {
-        NK_LOG(nk::log::ERROR, "Failed to create NetBIOS flush timer");
-        return false;
-    }
-    if (!make_loop_timer(unwind, t.respawn_threshold)) {
-        NK_LOG(nk::log::WARN, "Failed to create respawn_threshold_tfd");
-        return false;
+    for (const LoopTimerSpec& spec : kLoopTimers) {
+        if (!make_loop_timer(unwind, t.*spec.fd)) {
+            NK_LOG(spec.level, "{:s}", spec.failure);
+            return false;
+        }
     }
     return true;
 }
