@@ -4,18 +4,25 @@
 #include <getopt.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sysexits.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <string>
+
+#include <fmt/format.h>
 
 #include "nk/constants.h"
 #include "nk/io.h"
 #include "nk/log.h"
+#include "nkex_mqtt.h"
+#include "stop_signal.h"
 
 #ifndef NK_VERSION
 #define NK_VERSION "0.1.0"
@@ -27,6 +34,7 @@ namespace {
 
 // Write end of the stop pipe, for the signal handler.
 volatile sig_atomic_t g_stop_write = -1;
+std::atomic<int> g_stop_read{-1};
 
 extern "C" void on_stop_signal(int) {
     const int saved = errno;
@@ -80,17 +88,41 @@ std::optional<int> parse_level(const char* text) {
     return static_cast<int>(value);
 }
 
-// The option's value goes to the environment, where the libraries (and child processes) look.
-bool set_env(const char* var, const char* value, const char* option) {
-    if (*value == '\0') {
-        std::fprintf(stderr, "--%s needs a non-empty value\n", option);
-        return false;
+// The environment variable an option's value goes to, where the libraries (and child processes)
+// look; null for an option without one.
+const char* env_of(int opt) {
+    switch (opt) {
+        case kOptSettings:
+            return kSettingsDirEnv;
+        case kOptDevmgmt:
+            return kDevmgmtDirEnv;
+        case kOptBroker:
+            return kBrokerEnv;
+        case kOptLogLevel:
+            return kLogLevelEnv;
+        default:
+            return nullptr;
     }
-    return ::setenv(var, value, 1) == 0;
 }
 
-void print_usage(std::FILE* out, const std::string& name) {
-    std::fprintf(out, "Usage: %s [options]\n%s", name.c_str(), common_usage().c_str());
+const char* long_name(int opt) {
+    for (const option& o : kLongOptions) {
+        if (o.val == opt)
+            return o.name;
+    }
+    return "";
+}
+
+// Why a value is refused, empty when it is fine. A bad broker is caught here rather than when
+// the bus first connects, long after the user has looked away.
+std::string value_problem(int opt, const char* value) {
+    if (*value == '\0')
+        return "needs a non-empty value";
+    if (opt == kOptLogLevel && !parse_level(value))
+        return fmt::format("wants 0..4, not '{:s}'", value);
+    if (opt == kOptBroker && !nkex_mqtt::parse_broker(value))
+        return fmt::format("wants unix:PATH or tcp:HOST:PORT, not '{:s}'", value);
+    return {};
 }
 
 // stdin, stdout and stderr to /dev/null: a detached daemon has no terminal.
@@ -131,13 +163,14 @@ Side detach() {
 
 }  // namespace
 
-Instance& instance(int argc, char** argv, std::string_view name) {
+Instance& instance(int argc, char** argv, std::string_view name, std::string_view synopsis) {
     static Instance frame;
     static bool made = false;
     if (made)
         return frame;
     made = true;
     frame.name_ = std::string(name);
+    frame.synopsis_ = std::string(synopsis);
     // The pipe and handlers exist even when the options end the program early, so that the
     // caller's set-up path is the same either way.
     int fds[2] = {-1, -1};
@@ -145,6 +178,7 @@ Instance& instance(int argc, char** argv, std::string_view name) {
         frame.stop_pipe_[0] = fds[0];
         frame.stop_pipe_[1] = fds[1];
         g_stop_write = fds[1];
+        g_stop_read = fds[0];
     }
     if (!install_signals()) {
         std::fprintf(stderr, "%s: cannot install signal handlers: %s\n", frame.name_.c_str(),
@@ -158,25 +192,28 @@ Instance& instance(int argc, char** argv, std::string_view name) {
     return frame;
 }
 
+// getopt_long names a bad option itself (opterr is left on); every other complaint is ours.
 bool Instance::parse(int argc, char** argv) {
     optind = 1;
     int opt = 0;
     while ((opt = ::getopt_long(argc, argv, "f", kLongOptions, nullptr)) != -1) {
-        if (!apply_option(opt, optarg)) {
-            print_usage(stderr, name_);
-            early_exit_ = 2;
-            return false;
-        }
+        if (!apply_option(opt, optarg))
+            return usage_error();
         if (early_exit_ >= 0)
             return false;
     }
     if (optind < argc) {
-        std::fprintf(stderr, "%s: unexpected argument '%s'\n", name_.c_str(), argv[optind]);
-        print_usage(stderr, name_);
-        early_exit_ = 2;
-        return false;
+        fmt::print(stderr, "{:s}: unexpected argument '{:s}'\n", name_, argv[optind]);
+        return usage_error();
     }
     return true;
+}
+
+bool Instance::usage_error() {
+    fmt::print(stderr, "Usage: {0:s} {1:s}\nTry '{0:s} --help' for more information.\n", name_,
+               synopsis_);
+    early_exit_ = EX_USAGE;
+    return false;
 }
 
 bool Instance::apply_option(int opt, const char* value) {
@@ -184,32 +221,28 @@ bool Instance::apply_option(int opt, const char* value) {
         case 'f':
             foreground_ = true;
             return true;
-        case kOptSettings:
-            return set_env(kSettingsDirEnv, value, "settings");
-        case kOptDevmgmt:
-            return set_env(kDevmgmtDirEnv, value, "devmgmt");
-        case kOptBroker:
-            return set_env(kBrokerEnv, value, "broker");
-        case kOptLogLevel: {
-            const std::optional<int> level = parse_level(value);
-            if (!level) {
-                std::fprintf(stderr, "--log-level wants 0..4, not '%s'\n", value);
-                return false;
-            }
-            log_level_ = *level;
-            return set_env(kLogLevelEnv, value, "log-level");
-        }
         case kOptHelp:
-            print_usage(stdout, name_);
+            fmt::print("Usage: {:s} {:s}\n{:s}", name_, synopsis_, common_usage());
             early_exit_ = 0;
             return true;
         case kOptVersion:
-            std::printf("%s %s\n", name_.c_str(), NK_VERSION);
+            fmt::print("{:s} {:s}\n", name_, NK_VERSION);
             early_exit_ = 0;
             return true;
-        default:  // getopt_long has said what was wrong
-            return false;
+        default:
+            break;
     }
+    const char* const env = env_of(opt);
+    if (env == nullptr)  // getopt_long has said what was wrong
+        return false;
+    const std::string problem = value_problem(opt, value);
+    if (!problem.empty()) {
+        fmt::print(stderr, "{:s}: --{:s} {:s}\n", name_, long_name(opt), problem);
+        return false;
+    }
+    if (opt == kOptLogLevel)
+        log_level_ = *parse_level(value);
+    return ::setenv(env, value, 1) == 0;
 }
 
 int Instance::run() {
@@ -235,6 +268,14 @@ int Instance::run() {
     NK_LOG(log::INFO, "{:s} {:s} starting (pid {:d})", name_, NK_VERSION, ::getpid());
     return run_();
 }
+
+namespace detail {
+
+int stop_fd() {
+    return g_stop_read.load();
+}
+
+}  // namespace detail
 
 std::string common_usage() {
     return fmt::format(

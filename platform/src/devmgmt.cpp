@@ -5,6 +5,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -16,6 +17,7 @@
 #include "nk/constants.h"
 #include "nk/json.h"
 #include "nk/log.h"
+#include "nk/nkerrno.h"
 
 namespace nk::devMgmt {
 
@@ -269,11 +271,33 @@ std::size_t map_size() {
     return static_cast<std::size_t>(size);
 }
 
+// A full map fails every write until space is freed: one line per run of the same error, not
+// one per record and retry.
+std::atomic<int> g_last_failure{MDB_SUCCESS};
+
+// LMDB's own codes are negative; the rest are errno values.
+int errno_of(int rc) {
+    if (rc > 0)
+        return rc;
+    return rc == MDB_MAP_FULL || rc == MDB_MAP_RESIZED ? ENOSPC : EIO;
+}
+
 bool ok(int rc, std::string_view what, std::string_view context) {
     if (rc == MDB_SUCCESS)
         return true;
-    NK_LOG(0, "device table: {} {}: {}", what, context, mdb_strerror(rc));
+    nk::_set_nkerrno(errno_of(rc));
+    const bool repeated = g_last_failure.exchange(rc) == rc;
+    NK_LOG(repeated ? log::DEBUG : log::ERROR, "device table: {} {}: {}", what, context,
+           mdb_strerror(rc));
     return false;
+}
+
+bool written(int rc, std::string_view what, std::string_view context) {
+    if (!ok(rc, what, context))
+        return false;
+    if (g_last_failure.exchange(MDB_SUCCESS) != MDB_SUCCESS)
+        NK_LOG(log::INFO, "device table: writes succeed again");
+    return true;
 }
 
 struct EnvClose {
@@ -578,9 +602,15 @@ bool Device::write_to_shmem() const {
     if (!txn)
         return false;
     MDB_val key = as_val(device_id);
+    MDB_val current{};
+    if (mdb_get(txn.get(), env->dbi(), &key, &current) == MDB_SUCCESS &&
+        std::string_view(static_cast<const char*>(current.mv_data), current.mv_size) ==
+            text.get()) {
+        return true;  // unchanged: no commit, so no sync either
+    }
     MDB_val value = as_val(text.get());
     return ok(mdb_put(txn.get(), env->dbi(), &key, &value, 0), "store", device_id) &&
-           ok(mdb_txn_commit(txn.release()), "commit", device_id);
+           written(mdb_txn_commit(txn.release()), "commit", device_id);
 }
 
 bool Device::load_from_shmem(bool lock, bool by_id) {
@@ -612,7 +642,8 @@ bool Device::delete_shmem() const {
         NK_LOG(3, "device table: no record {} to delete", device_id);
         return false;
     }
-    return ok(rc, "delete", device_id) && ok(mdb_txn_commit(txn.release()), "commit", device_id);
+    return ok(rc, "delete", device_id) &&
+           written(mdb_txn_commit(txn.release()), "commit", device_id);
 }
 
 std::vector<Device> Device::list() {

@@ -1,5 +1,9 @@
 #include "nk/nkerrno.h"
 
+#include <cstring>
+
+#include <fmt/format.h>
+
 namespace nk {
 
 namespace {
@@ -11,6 +15,10 @@ int _get_nkerrno() {
 }
 void _set_nkerrno(int value) {
     t_nkerrno = value;
+}
+
+std::string errno_text(int err) {
+    return fmt::format("{:s} ({:d})", std::strerror(err), err);
 }
 
 }  // namespace nk

@@ -10,7 +10,11 @@
 
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -27,8 +31,10 @@
 #include <type_traits>
 #include <vector>
 
+#include "nk/io.h"
 #include "nk/log.h"
 #include "nkex_mqtt.h"
+#include "stop_signal.h"
 
 namespace {
 
@@ -61,11 +67,24 @@ struct OwnedResponse {
 static_assert(std::is_standard_layout_v<OwnedResponse> && offsetof(OwnedResponse, message) == 0,
               "nkex_free_response converts the Message pointer back");
 
+// A waiting synchronous request. Its waiter sleeps in poll() on `wake` and the daemon's stop
+// pipe together, so that a stop never waits behind a silent peer.
 struct SyncSlot {
     bool done = false;
     std::string status;
     std::string data;
+    nk::io::unique_fd wake{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+
+    void notify() const {
+        const uint64_t one = 1;
+        [[maybe_unused]] const ssize_t n = ::write(wake.get(), &one, sizeof one);
+    }
 };
+
+bool readable(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return fd >= 0 && ::poll(&p, 1, 0) > 0;
+}
 
 struct PendingAsync {
     Clock::time_point deadline;
@@ -106,6 +125,8 @@ public:
     int send_async(const char* name, const void* data, std::size_t length,
                    nkex_response_callback_t callback, void* context);
     int send_sync(const Message& request, Message** response);
+    bool wait_answer(std::unique_lock<std::mutex>& lock, const SyncSlot& slot,
+                     Clock::time_point deadline);
     int respond(int status, uint64_t request_id, const void* data, std::size_t length);
 
 private:
@@ -233,6 +254,8 @@ void nkex_handle::shutdown() {
         if (closing_)
             return;
         closing_ = true;
+        for (const auto& [id, slot] : sync_waiting_)
+            slot->notify();
     }
     changed_.notify_all();
     timer_wake_.notify_all();
@@ -455,6 +478,7 @@ void nkex_handle::handle_response(const mosquitto_message& msg, const mosquitto_
             it->second->done = true;
             it->second->status = status;
             it->second->data = std::string(data);
+            it->second->notify();
         }
         lock.unlock();
         changed_.notify_all();
@@ -703,7 +727,15 @@ int nkex_handle::send_sync(const Message& request, Message** response) {
         NK_LOG(nk::log::ERROR, "cannot send bad request \"{:s}\"", printable_name(request.name));
         return -1;
     }
+    if (readable(nk::daemon::detail::stop_fd())) {
+        NK_LOG(nk::log::WARN, "request {:s} not sent: stopping", request.name);
+        return -1;
+    }
     SyncSlot slot;
+    if (!slot.wake) {
+        NK_LOG(nk::log::ERROR, "eventfd: {:s}", std::strerror(errno));
+        return -1;
+    }
     std::unique_lock lock(mutex_);
     if (closing_)
         return -1;
@@ -713,13 +745,14 @@ int nkex_handle::send_sync(const Message& request, Message** response) {
     lock.unlock();
     const int rc = publish_request(*topic, id, request.data, request.length);
     lock.lock();
-    if (rc == 0)
-        changed_.wait_until(lock, deadline, [&] { return slot.done || closing_; });
+    const bool stopped = rc == 0 && !wait_answer(lock, slot, deadline);
     sync_waiting_.erase(id);
     lock.unlock();
     changed_.notify_all();  // shutdown waits for the waiters to leave
     if (!slot.done) {
-        if (rc == 0)
+        if (stopped)
+            NK_LOG(nk::log::WARN, "request {:s} ({:d}) abandoned: stopping", request.name, id);
+        else if (rc == 0)
             NK_LOG(nk::log::WARN, "request {:s} ({:d}) got no answer", request.name, id);
         return -1;
     }
@@ -732,6 +765,26 @@ int nkex_handle::send_sync(const Message& request, Message** response) {
     owned->message.length = owned->data.size();
     *response = &owned.release()->message;
     return 0;
+}
+
+// Until the answer, closing or the deadline; false when a stop of the daemon cut it short.
+// Called and returns with `lock` held.
+bool nkex_handle::wait_answer(std::unique_lock<std::mutex>& lock, const SyncSlot& slot,
+                              Clock::time_point deadline) {
+    const int stop = nk::daemon::detail::stop_fd();
+    while (!slot.done && !closing_) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0)
+            return true;
+        lock.unlock();
+        pollfd fds[2] = {{slot.wake.get(), POLLIN, 0}, {stop, POLLIN, 0}};
+        const int n = ::poll(fds, stop >= 0 ? 2 : 1,
+                             static_cast<int>(std::min<long long>(left.count(), INT_MAX)));
+        lock.lock();
+        if (n > 0 && (fds[1].revents & (POLLIN | POLLHUP)) != 0)
+            return slot.done;
+    }
+    return true;
 }
 
 int nkex_handle::respond(int status, uint64_t request_id, const void* data, std::size_t length) {

@@ -33,6 +33,10 @@ namespace {
 
 constexpr const char* kValueName = ".value";
 constexpr const char* kLocksDir = ".locks";
+constexpr const char* kClaimSuffix = ".claim";
+// Names of what a write or a delete leaves behind when interrupted.
+constexpr const char* kTempPrefix = ".value.";
+constexpr const char* kDeletedPrefix = ".deleted.";
 constexpr mode_t kDirMode = 0755;
 constexpr mode_t kFileMode = 0644;
 
@@ -90,7 +94,7 @@ bool write_all(int fd, std::string_view data) {
 
 // Readers see the old or the new file, never a partly written one.
 int replace_value(const std::string& dir, std::string_view value) {
-    std::string temp = dir + "/.value.XXXXXX";
+    std::string temp = dir + "/" + kTempPrefix + "XXXXXX";
     nk::io::unique_fd fd(::mkostemp(temp.data(), O_CLOEXEC));
     if (!fd)
         return fail(errno);
@@ -102,6 +106,11 @@ int replace_value(const std::string& dir, std::string_view value) {
     const int err = errno;
     ::unlink(temp.c_str());
     return fail(err);
+}
+
+bool read_file(const std::string& file, std::string& out) {
+    const nk::io::unique_fd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    return fd && read_all(fd.get(), out);
 }
 
 bool is_directory(const std::string& dir, const dirent& entry) {
@@ -235,13 +244,9 @@ void uninit() {
 int getKey(const std::string& key, std::string& out) {
     if (!is_valid_key(key))
         return fail(EINVAL);
-    const std::string file = key_dir(key) + "/" + kValueName;
-    const nk::io::unique_fd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd)
-        return fail(errno == ENOTDIR ? ENOENT : errno);
     std::string text;
-    if (!read_all(fd.get(), text))
-        return fail(errno);
+    if (!read_file(key_dir(key) + "/" + kValueName, text))
+        return fail(errno == ENOTDIR ? ENOENT : errno);
     out = std::move(text);
     return 0;
 }
@@ -255,6 +260,10 @@ int setKey(const std::string& key, std::string_view value) {
     if (!is_valid_key(key))
         return fail(EINVAL);
     const std::string dir = key_dir(key);
+    // Writing what is stored already would cost an fsync and a rename for nothing.
+    std::string current;
+    if (read_file(dir + "/" + kValueName, current) && current == value)
+        return 0;
     if (!make_dirs(dir))
         return fail(errno);
     return replace_value(dir, value);
@@ -269,7 +278,7 @@ int deleteKey(const std::string& key) {
     struct stat st {};
     if (::lstat(dir.c_str(), &st) != 0)
         return fail(errno == ENOTDIR ? ENOENT : errno);
-    std::string doomed = dir.substr(0, dir.rfind('/')) + "/.deleted.XXXXXX";
+    std::string doomed = dir.substr(0, dir.rfind('/')) + "/" + kDeletedPrefix + "XXXXXX";
     if (::mkdtemp(doomed.data()) == nullptr)
         return fail(errno);
     if (::rename(dir.c_str(), doomed.c_str()) != 0) {
@@ -327,8 +336,75 @@ int unlockKey(const std::string& key) {
     return 0;
 }
 
+bool holds(const std::string& key) {
+    if (!is_valid_key(key))
+        return false;
+    LockTable& t = locks();
+    const std::lock_guard guard(t.mutex);
+    return t.held.count(lock_file(key)) != 0;
+}
+
 void set_lock_timeout_ms(int ms) {
     g_lock_timeout_ms = std::max(ms, 0);
+}
+
+int claim(const std::string& owner, long& holder) {
+    holder = 0;
+    if (owner.empty() || owner.find('/') != std::string::npos || owner.front() == '.')
+        return fail(EINVAL);
+    static std::mutex mutex;
+    static std::map<std::string, nk::io::unique_fd> claims;  // kept until the process exits
+    const std::lock_guard guard(mutex);
+    const std::string file = root() + "/" + kLocksDir + "/" + owner + kClaimSuffix;
+    if (claims.count(file) != 0)
+        return 0;
+    if (!make_dirs(root() + "/" + kLocksDir))
+        return fail(errno);
+    nk::io::unique_fd fd(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode));
+    if (!fd)
+        return fail(errno);
+    if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+        const int err = errno;
+        std::string text;
+        if (read_all(fd.get(), text))
+            holder = std::strtol(text.c_str(), nullptr, 10);
+        return fail(err == EWOULDBLOCK ? EWOULDBLOCK : err);
+    }
+    // The pid is only for the message of the one refused (a full disk may refuse it); the
+    // lock is what decides.
+    const std::string pid = std::to_string(::getpid()) + "\n";
+    if (::ftruncate(fd.get(), 0) == 0)
+        (void)write_all(fd.get(), pid);
+    claims.emplace(file, std::move(fd));
+    return 0;
+}
+
+int remove_leftovers(std::chrono::seconds min_age) {
+    namespace fs = std::filesystem;
+    const auto now = fs::file_time_type::clock::now();
+    std::error_code ec;
+    fs::recursive_directory_iterator it(root(), fs::directory_options::skip_permission_denied, ec);
+    if (ec)
+        return fail(ec.value());
+    int removed = 0;
+    for (; it != fs::recursive_directory_iterator(); it.increment(ec)) {
+        const std::string name = it->path().filename().string();
+        const bool temp = name.rfind(kTempPrefix, 0) == 0;
+        const bool deleted = name.rfind(kDeletedPrefix, 0) == 0;
+        if (name == kLocksDir || deleted)
+            it.disable_recursion_pending();
+        if (!temp && !deleted)
+            continue;
+        // A writer of another process may be between its mkstemp and its rename right now.
+        std::error_code age_ec;
+        const auto changed = fs::last_write_time(it->path(), age_ec);
+        if (age_ec || now - changed < min_age)
+            continue;
+        std::error_code rm_ec;
+        if (fs::remove_all(it->path(), rm_ec) > 0)
+            ++removed;
+    }
+    return ec ? fail(ec.value()) : removed;
 }
 
 }  // namespace nk::setMgmt

@@ -24,6 +24,10 @@ timespec from_ms(long ms) {
     return ts;
 }
 
+bool is_set(const timespec& ts) {
+    return ts.tv_sec != 0 || ts.tv_nsec != 0;
+}
+
 // A zero it_value would disarm the timer; the callers mean "now", so it becomes 1 ns,
 // which the kernel treats as already due (relative or absolute alike).
 timespec first_expiry(timespec value) {
@@ -38,6 +42,18 @@ int arm(int fd, const itimerspec& spec, bool absolute) {
         return 0;
     NK_LOG(0, "cannot set timer fd {}: {}", fd, std::strerror(errno));
     return -1;
+}
+
+// Callers re-arm their timers at every loop turn; a timer already running with the same
+// period keeps its next expiry, or a short first value would fire at every turn.
+int start(int fd, const itimerspec& spec, bool absolute) {
+    itimerspec current{};
+    if (::timerfd_gettime(fd, &current) == 0 && is_set(current.it_value) &&
+        current.it_interval.tv_sec == spec.it_interval.tv_sec &&
+        current.it_interval.tv_nsec == spec.it_interval.tv_nsec) {
+        return 0;
+    }
+    return arm(fd, spec, absolute);
 }
 
 }  // namespace
@@ -63,7 +79,7 @@ int timer_start(int fd, long value, long interval, bool absolute) {
     itimerspec spec{};
     spec.it_value = first_expiry(timespec{value, 0});
     spec.it_interval = timespec{interval, 0};
-    return arm(fd, spec, absolute);
+    return start(fd, spec, absolute);
 }
 
 int timer_start_ms(int fd, long value_ms, long interval_ms, bool absolute) {
@@ -76,7 +92,7 @@ int timer_start_ms(int fd, long value_ms, long interval_ms, bool absolute) {
     itimerspec spec{};
     spec.it_value = first_expiry(from_ms(value_ms));
     spec.it_interval = from_ms(interval_ms);
-    return arm(fd, spec, absolute);
+    return start(fd, spec, absolute);
 }
 
 int timer_stop(int fd) {
@@ -103,7 +119,7 @@ bool timer_is_armed(int fd) {
         NK_LOG(0, "cannot query timer fd {}: {}", fd, std::strerror(errno));
         return false;
     }
-    return spec.it_value.tv_sec != 0 || spec.it_value.tv_nsec != 0;
+    return is_set(spec.it_value);
 }
 
 void timer_uninit(int fd) {

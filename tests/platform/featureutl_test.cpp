@@ -17,6 +17,7 @@ int nkset(const std::string& args) {
 
 class FeatureTest : public ::testing::Test {
 protected:
+    void SetUp() override { ASSERT_EQ(nk::setMgmt::init(), 0); }
     void TearDown() override { fu::uninit(); }
 
     nk::test::TempDir dir_;
@@ -41,9 +42,9 @@ TEST_F(FeatureTest, ChangeCallsThatFeaturesCallbackOnce) {
     for (const int feature : {3, 5}) {
         ASSERT_EQ(fu::set_on_feature_change(feature, [&calls](int n) { calls.push_back(n); }), 0);
     }
-    // Rewriting the same value wakes the descriptor but is no change.
+    // A feature nobody asked about wakes the descriptor but calls nothing.
     const std::pair<const char*, std::vector<int>> steps[] = {
-        {"3 1", {3}}, {"3 1", {3}}, {"7 1", {3}}, {"5 2", {3, 5}}};
+        {"3 1", {3}}, {"7 1", {3}}, {"5 2", {3, 5}}};
     for (const auto& [args, expected] : steps) {
         SCOPED_TRACE(args);
         ASSERT_EQ(nkset(std::string("set /features/ids/") + args), 0);

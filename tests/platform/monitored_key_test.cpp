@@ -18,8 +18,10 @@ namespace {
 namespace sm = nk::setMgmt;
 using namespace std::chrono_literals;
 
+// The other process makes the store when it is not there yet, as an installer would.
 int nkset(const std::string& args) {
-    return nk::test::run_command(std::string(NK_NKSET_BIN) + " " + args);
+    return nk::test::run_command("mkdir -p \"$NK_SETTINGS_DIR\" && " + std::string(NK_NKSET_BIN) +
+                                 " " + args);
 }
 
 class MonitoredKeyTest : public ::testing::Test {

@@ -1,4 +1,5 @@
 // The settings store on a real directory tree, with real processes competing for its keys.
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -70,6 +71,73 @@ TEST_F(SetMgmtTest, ValuesRoundTripAndParentsAreCreated) {
     EXPECT_EQ(entries(root_ + "/a/b/c"), Names{".value"});  // no temporary file left behind
     EXPECT_LT(sm::getKey("/a/b", value), 0);                // a parent without a value of its own
     EXPECT_EQ(nkerrno, ENOENT);
+}
+
+TEST_F(SetMgmtTest, AValueStoredAlreadyIsNotWrittenAgain) {
+    const std::string file = root_ + "/a/.value";
+    ASSERT_EQ(sm::setKey("/a", "x"), 0);
+    struct stat before {};
+    ASSERT_EQ(::stat(file.c_str(), &before), 0);
+    for (const char* value : {"x", "y"}) {
+        ASSERT_EQ(sm::setKey("/a", value), 0);
+        struct stat after {};
+        ASSERT_EQ(::stat(file.c_str(), &after), 0);
+        // A write renames a new file over the old one.
+        EXPECT_EQ(after.st_ino == before.st_ino, std::string(value) == "x") << value;
+    }
+}
+
+TEST_F(SetMgmtTest, LeftoversOfInterruptedWritesGoOnceOld) {
+    ASSERT_EQ(sm::setKey("/a/b", "v"), 0);
+    ASSERT_EQ(sm::lockKey("/a"), 0);
+    const std::string old_temp = root_ + "/a/b/.value.AbC123";
+    const std::string new_temp = root_ + "/a/.value.XyZ789";
+    const std::string old_deleted = root_ + "/.deleted.Q1w2E3";
+    std::ofstream(old_temp) << "torn";
+    std::ofstream(new_temp) << "being written";
+    fs::create_directories(old_deleted + "/x");
+    const auto an_hour_ago = fs::file_time_type::clock::now() - std::chrono::hours(1);
+    fs::last_write_time(old_temp, an_hour_ago);
+    fs::last_write_time(old_deleted, an_hour_ago);
+
+    EXPECT_EQ(sm::remove_leftovers(std::chrono::seconds(10)), 2);
+    EXPECT_FALSE(fs::exists(old_temp));
+    EXPECT_FALSE(fs::exists(old_deleted));
+    EXPECT_TRUE(fs::exists(new_temp));
+    EXPECT_EQ(sm::getKeyValue("/a/b", ""), "v");
+    EXPECT_TRUE(fs::exists(root_ + "/.locks"));
+}
+
+TEST_F(SetMgmtTest, OneProcessAtATimeClaimsTheStore) {
+    ASSERT_EQ(sm::init(), 0);
+    int to_child[2], from_child[2];
+    ASSERT_EQ(::pipe(to_child), 0);
+    ASSERT_EQ(::pipe(from_child), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::close(to_child[1]);
+        long holder = 0;
+        const char claimed = sm::claim("daemon", holder) == 0 ? '1' : '0';
+        (void)!::write(from_child[1], &claimed, 1);
+        (void)!::read(to_child[0], &holder, 1);  // holds the claim until the parent is done
+        ::_exit(0);
+    }
+    char claimed = 0;
+    ASSERT_EQ(::read(from_child[0], &claimed, 1), 1);
+    ASSERT_EQ(claimed, '1');
+    long holder = 0;
+    EXPECT_LT(sm::claim("daemon", holder), 0);
+    EXPECT_EQ(nkerrno, EWOULDBLOCK);
+    EXPECT_EQ(holder, child);
+    EXPECT_EQ(sm::claim("other", holder), 0);  // claims of other programs are independent
+    EXPECT_EQ(sm::claim("other", holder), 0);
+
+    ::close(to_child[1]);
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    EXPECT_EQ(sm::claim("daemon", holder), 0);  // the claim ends with its process
+    for (const int fd : {to_child[0], from_child[0], from_child[1]})
+        ::close(fd);
 }
 
 TEST_F(SetMgmtTest, SubkeysAreSortedAndHideTheStoresOwnNames) {

@@ -51,6 +51,43 @@ TEST(Timer, UnexpiredTimerTicksZeroAndStopDisarms) {
     EXPECT_EQ(setting(timer->fd()).it_interval.tv_sec, 0);
 }
 
+// The loop re-arms its timers at every turn and relies on this to keep their cadence.
+TEST(Timer, StartingAgainKeepsARunningTimerWithTheSameInterval) {
+    struct Case {
+        const char* name;
+        bool stop_first;
+        long interval;
+        bool fires_at_once;
+    } const cases[] = {
+        {"same interval", false, 60, false},
+        {"new interval", false, 30, true},
+        {"stopped", true, 60, true},
+    };
+    for (const Case& c : cases) {
+        std::optional<Timer> timer = Timer::make(TIMER_LOOP);
+        ASSERT_TRUE(timer && timer->start(60, 60));
+        if (c.stop_first) {
+            ASSERT_TRUE(timer->stop());
+        }
+        ASSERT_TRUE(timer->start(0, c.interval)) << c.name;
+        if (c.fires_at_once) {
+            EXPECT_TRUE(nk::test::wait_readable(timer->fd())) << c.name;
+        } else {
+            EXPECT_GE(setting(timer->fd()).it_value.tv_sec, 59) << c.name;
+        }
+        EXPECT_EQ(timer->tick(), c.fires_at_once ? 1u : 0u) << c.name;
+        EXPECT_EQ(setting(timer->fd()).it_interval.tv_sec, c.interval) << c.name;
+    }
+    // A one-shot timer that has fired is stopped, so it can be started again.
+    std::optional<Timer> once = Timer::make(TIMER_LOOP);
+    ASSERT_TRUE(once && once->start_ms(1, 0));
+    ASSERT_TRUE(nk::test::wait_readable(once->fd()));
+    EXPECT_EQ(once->tick(), 1u);
+    ASSERT_TRUE(once->start_ms(1, 0));
+    ASSERT_TRUE(nk::test::wait_readable(once->fd()));
+    EXPECT_EQ(once->tick(), 1u);
+}
+
 TEST(Timer, MillisecondTicksAccumulate) {
     std::optional<Timer> fast = Timer::make(TIMER_LOOP);
     std::optional<Timer> later = Timer::make(TIMER_LOOP);

@@ -23,16 +23,19 @@ public:
 
     bool foreground() const { return foreground_; }
     const std::string& name() const { return name_; }
-    // Set when the options ask for no run (help, version: 0; bad option: 2).
+    // Set when the options ask for no run (help, version: 0; a usage error: 64, EX_USAGE).
     int early_exit() const { return early_exit_; }
 
 private:
-    friend Instance& instance(int argc, char** argv, std::string_view name);
+    friend Instance& instance(int argc, char** argv, std::string_view name,
+                              std::string_view synopsis);
     Instance() = default;
     bool parse(int argc, char** argv);
     bool apply_option(int opt, const char* value);
+    bool usage_error();
 
     std::string name_;
+    std::string synopsis_;
     std::function<int()> run_;
     int stop_pipe_[2] = {-1, -1};
     bool foreground_ = false;
@@ -42,9 +45,12 @@ private:
 
 // Parses -f, --settings DIR, --devmgmt DIR, --broker ADDR, --log-level N, --help and
 // --version (an option overrides its environment variable, which it sets for the process and
-// its children), installs the signal handlers and ignores SIGPIPE. One frame per process:
-// later calls return the same frame and ignore their arguments.
-Instance& instance(int argc, char** argv, std::string_view name);
+// its children), installs the signal handlers and ignores SIGPIPE. A usage error (unknown
+// option, stray argument, empty or malformed value) is named on stderr with a short usage
+// built from `synopsis`. One frame per process: later calls return the same frame and ignore
+// their arguments.
+Instance& instance(int argc, char** argv, std::string_view name,
+                   std::string_view synopsis = "[options]");
 
 // The option text shared by every program's --help.
 std::string common_usage();

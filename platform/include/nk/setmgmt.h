@@ -8,6 +8,7 @@
 #pragma once
 
 #include <charconv>
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -64,8 +65,18 @@ bool is_valid_key(std::string_view key);
 // this process does not hold fails with EPERM.
 int lockKey(const std::string& key);
 int unlockKey(const std::string& key);
+// Whether this process holds the key's lock.
+bool holds(const std::string& key);
 // The bounded wait of lockKey (default 2000 ms).
 void set_lock_timeout_ms(int ms);
+
+// Claims the store for the program `owner` until this process exits, so that two copies of
+// one daemon never share a store. Fails with EWOULDBLOCK while another process holds the
+// claim; `holder` is then its pid (0 when unknown). A second claim by the same process is 0.
+int claim(const std::string& owner, long& holder);
+// Removes what interrupted writes and deletes left behind (temporary value files, keys being
+// deleted) that are older than `min_age`; the number removed, or negative.
+int remove_leftovers(std::chrono::seconds min_age);
 
 // The key's value, or `def` when the key is absent or its text does not parse.
 std::string getKeyValue(const std::string& key, const std::string& def);

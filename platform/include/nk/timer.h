@@ -12,6 +12,8 @@ enum TimerType : int { TIMER_LOOP = 0, TIMER_OWNED = 1 };
 // A non-blocking, close-on-exec timer descriptor, or -1.
 int timer_init(int type);
 // Seconds; `absolute` takes `value` as a point on the monotonic clock. 0 or -1.
+// A timer already running with the same interval keeps its next expiry; a stopped one, or a
+// new interval, is armed afresh.
 int timer_start(int fd, long value, long interval, bool absolute);
 int timer_start_ms(int fd, long value_ms, long interval_ms, bool absolute);
 int timer_stop(int fd);
