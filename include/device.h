@@ -92,7 +92,10 @@ public:
     // Unlocks, then runs the deferred external events once, whatever the unlock gave.
     bool unlock_device_key();
 
+    // Adds a MAC the cloud lists; its confirmation waits for the key's unlock.
     bool update_mac_from_cloud(const char* text);
+    // Adds and stores the listed MACs, then confirms them: at the unlock when the key is
+    // held, at once otherwise.
     bool update_macs_from_cloud(json_t* array);
     // A MAC just confirmed as this device's: announce or drop what was kept under a temporary id.
     void confirm_mac_identity(const macaddr& mac);
@@ -123,7 +126,13 @@ public:
     int info_sync_pending = 0;
     std::int64_t info_sync_pending_since = 0;
     std::vector<std::function<void()>> external_events;
+
+private:
+    void run_external_events();
 };
+
+// The confirmation of a MAC of device `device_id`, by value: it may run after the record moved.
+void confirm_mac_identity_of(const macaddr& mac, const std::string& device_id);
 
 // A device id asked for by another daemon; answered on the bus by request id.
 struct DeviceIdRequest {

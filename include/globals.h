@@ -52,6 +52,7 @@ extern std::optional<nk::time::Timer> g_device_info_sync_timer;
 extern std::map<nk::sockutl::macaddr, long> g_connect_device_times;
 // Forgets connect_device attempts old enough to be retried; gates itself to every 5 s.
 void purge_old_mac_timestamps();
+extern long g_last_mac_purge;  // g_now at the last purge
 
 // Queues filled on the bus thread and drained by the main loop, each under its own mutex.
 extern std::vector<DeviceIdRequest> g_devid_requests;

@@ -7,15 +7,28 @@
 
 #include "device.h"
 
-// A device's marker under /devices and its record in the device table.
+// What storing a device achieved: its record in the device table, then its marker under
+// /devices; `error` is the system error of the first half that failed.
+struct StoreOutcome {
+    bool table = false;
+    bool marker = false;
+    int error = 0;
+    bool complete() const { return table && marker; }
+};
+StoreOutcome store_device(const Device& device, bool flag);
+
+// A device's marker under /devices and its record in the device table; true when the record
+// was written (a failed marker is logged but does not change the result).
 bool write_device_to_storage(const Device& device, bool flag);
-void remove_device_from_storage(const Device& device);
+// False when the device is still stored, in part or whole.
+bool remove_device_from_storage(const Device& device);
 std::optional<Device> load_device_from_storage(const std::string& device_id);
 bool load_devices_from_storage(std::vector<Device>& out);
 
 bool load_devices_from_cloud();
-// Carries local-only state over from the stored devices and drops those the cloud forgot.
-void sync_devices_to_storage(const std::vector<Device>& stored);
+// Carries local-only state over from the stored devices and drops those the cloud forgot;
+// false when a write or a removal failed, so the load is not complete.
+bool sync_devices_to_storage(const std::vector<Device>& stored);
 // Refreshes the fields of devices waiting for it; true when none is left waiting.
 bool sync_device_info();
 // Takes the loop back to "not loaded", so the next turn loads again.

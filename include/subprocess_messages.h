@@ -14,8 +14,11 @@ std::unique_ptr<nk::Subprocess> make_collector(int leases_mode);
 // The collector the main loop supervises.
 extern std::unique_ptr<nk::Subprocess> g_subprocess;
 
-// Restarts a collector that is down, unless it failed too often or started too recently.
+// Restarts a collector that is down, unless the last interface update found no valid LAN
+// interface, or it failed too often or started too recently.
 void restart_subprocess();
+// What the last interface update found.
+void set_lan_present(bool present);
 void process_subprocess_messages(const std::vector<std::string>& lines);
 
 // Set once the first lease message was processed; device-id requests and user agents wait

@@ -18,6 +18,8 @@ extern std::unordered_map<macaddr, std::string> g_hostnames;
 
 // The device's id, else the MAC's temporary id, else a new temporary id.
 std::string get_device_id(const macaddr& mac);
+// Forgets every temporary id; numbering starts again at 1.
+void forget_temporary_device_ids();
 void send_device_id_response(const char* mac, const char* device_id, std::uint64_t request_id);
 void send_permanent_device_id_message(const char* temp_device_id, const char* device_id);
 // Tells every daemon to forget the device ids it cached (temporary ids restart).

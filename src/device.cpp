@@ -15,6 +15,7 @@
 const nk::path Device::base_key{"/devices"};
 
 std::vector<Device> g_devices;
+long g_last_mac_purge = 0;
 
 std::string mac_key(const macaddr& mac) {
     return mac.get_hash(48);
@@ -73,7 +74,7 @@ bool Device::lock_device_key() const {
     const nk::path key = device_key();
     if (nk::setMgmt::lockKey(key) == 0)
         return true;
-    NK_LOG(nk::log::ERROR, "Failed to lock device key {}: {}", key, nkerrno);
+    NK_LOG(nk::log::ERROR, "Failed to lock device key {}: {}", key, nk::errno_text(nkerrno));
     return false;
 }
 
@@ -81,16 +82,20 @@ bool Device::unlock_device_key() {
     const nk::path key = device_key();
     const bool unlocked = nk::setMgmt::unlockKey(key) == 0;
     if (!unlocked)
-        NK_LOG(nk::log::ERROR, "Failed to unlock device key {}: {}", key, nkerrno);
-    if (!external_events.empty()) {
-        NK_LOG(nk::log::DEBUG, "device {}. Sending external events ...", cloud.device_id);
-        // Taken out first: an action may change g_devices, which can move this very record.
-        const std::vector<std::function<void()>> events = std::move(external_events);
-        external_events.clear();
-        for (const std::function<void()>& event : events)
-            event();
-    }
+        NK_LOG(nk::log::ERROR, "Failed to unlock device key {}: {}", key, nk::errno_text(nkerrno));
+    run_external_events();
     return unlocked;
+}
+
+void Device::run_external_events() {
+    if (external_events.empty())
+        return;
+    NK_LOG(nk::log::DEBUG, "device {}. Sending external events ...", cloud.device_id);
+    // Taken out first: an action may change g_devices, which can move this very record.
+    const std::vector<std::function<void()>> events = std::move(external_events);
+    external_events.clear();
+    for (const std::function<void()>& event : events)
+        event();
 }
 
 bool Device::update_mac_from_cloud(const char* text) {
@@ -98,7 +103,8 @@ bool Device::update_mac_from_cloud(const char* text) {
         return false;
     const macaddr mac(text);
     local.macips.add_mac(mac);
-    confirm_mac_identity(mac);
+    // Whoever the confirmation notifies must find the device stored: it waits for the unlock.
+    external_events.emplace_back([mac, id = cloud.device_id] { confirm_mac_identity_of(mac, id); });
     return true;
 }
 
@@ -110,13 +116,21 @@ bool Device::update_macs_from_cloud(json_t* array) {
         if (json_is_string(value) && update_mac_from_cloud(json_string_value(value)))
             changed = true;
     }
-    return changed && write_device_to_storage(*this, true);
+    const bool stored = changed && write_device_to_storage(*this, true);
+    // Without the key held there is no unlock to wait for.
+    if (!nk::setMgmt::holds(device_key()))
+        run_external_events();
+    return stored;
 }
 
 void Device::confirm_mac_identity(const macaddr& mac) {
+    confirm_mac_identity_of(mac, cloud.device_id);
+}
+
+void confirm_mac_identity_of(const macaddr& mac, const std::string& device_id) {
     const auto it = g_temporary_device_ids.find(mac_key(mac));
     if (it != g_temporary_device_ids.end()) {
-        send_permanent_device_id_message(it->second.c_str(), cloud.device_id.c_str());
+        send_permanent_device_id_message(it->second.c_str(), device_id.c_str());
         g_temporary_device_ids.erase(it);
         return;
     }
@@ -287,10 +301,9 @@ bool is_temporary(const std::string& id) {
 void purge_old_mac_timestamps() {
     constexpr long kPurgeEvery = 4;
     constexpr long kMaxAge = 600;
-    static long last_purge = 0;
-    if (g_now - last_purge <= kPurgeEvery)
+    if (g_now - g_last_mac_purge <= kPurgeEvery)
         return;
-    last_purge = g_now;
+    g_last_mac_purge = g_now;
     for (auto it = g_connect_device_times.begin(); it != g_connect_device_times.end();) {
         if (g_now - it->second > kMaxAge)
             it = g_connect_device_times.erase(it);

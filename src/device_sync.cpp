@@ -10,15 +10,19 @@
 
 #include <nk/json.h>
 #include <nk/log.h>
+#include <nk/nkerrno.h>
 
 #include "cloud_request.h"
 #include "device.h"
 #include "globals.h"
+#include "repeat_filter.h"
 #include "storage_helpers.h"
 
 namespace {
 
 constexpr int kPageSize = 20;
+// 5120 devices, far beyond any home network.
+constexpr int kMaxPages = 256;
 
 enum class PageOutcome { Failed, Done, Next };
 
@@ -218,9 +222,16 @@ PageOutcome read_page(const json_t* answer, int page) {
     append_listed_devices(devices);
     if (json_array_size(devices) < kPageSize)
         return PageOutcome::Done;
-    // Past the announced total ends it too, so an inconsistent cloud cannot page forever.
     const std::int64_t listed = static_cast<std::int64_t>(page + 1) * kPageSize;
-    return listed >= json_integer_value(count) ? PageOutcome::Done : PageOutcome::Next;
+    if (listed == json_integer_value(count))
+        return PageOutcome::Done;
+    // A count that full pages never meet would otherwise page for ever.
+    if (page + 1 >= kMaxPages) {
+        NK_LOG(nk::log::WARN, "list_devices: stopping after {:d} full pages, count {:d}", kMaxPages,
+               json_integer_value(count));
+        return PageOutcome::Done;
+    }
+    return PageOutcome::Next;
 }
 
 const Device* find_stored(const std::vector<Device>& stored, const std::string& id) {
@@ -265,30 +276,48 @@ void set_initial_onbox(Device& device) {
     }
 }
 
-void sync_listed_device(Device& device, const std::vector<Device>& stored) {
+// Counts the writes of one sync and remembers the first failure's error.
+struct SyncTally {
+    int failed = 0;
+    int error = 0;
+
+    void add(const StoreOutcome& outcome) {
+        if (outcome.complete())
+            return;
+        if (failed++ == 0)
+            error = outcome.error;
+    }
+};
+
+void sync_listed_device(Device& device, const std::vector<Device>& stored, SyncTally& tally) {
     if (!device.lock_device_key())
         return;
     if (const Device* s = find_stored(stored, device.cloud.device_id)) {
         carry_local_state(*s, device);
         if (device.cloud != s->cloud || device.local.device_id != s->local.device_id ||
             device.local.macips != s->local.macips)
-            write_device_to_storage(device, true);
+            tally.add(store_device(device, true));
     } else {
         device.local.device_id = device.cloud.device_id;
-        write_device_to_storage(device, true);
+        tally.add(store_device(device, true));
     }
     set_initial_onbox(device);
-    write_device_to_storage(device, true);
+    // Costs nothing when the record and the marker are stored as they are already.
+    tally.add(store_device(device, true));
     NK_LOG(nk::log::INFO, "Initial local onbox_info for device_id {:s} is: {}",
            device.cloud.device_id, device.local.onbox_info);
     device.unlock_device_key();
 }
 
-void forget_stored_device(const Device& stored) {
+void forget_stored_device(const Device& stored, SyncTally& tally) {
     Device device = stored;
     if (!device.lock_device_key())
         return;
-    remove_device_from_storage(device);
+    if (!remove_device_from_storage(device)) {
+        StoreOutcome failed;
+        failed.error = nkerrno;
+        tally.add(failed);
+    }
     // A device read back from storage has no cloud MACs, so its local ones count too.
     std::vector<macaddr> macs(device.local.macips.macs.begin(), device.local.macips.macs.end());
     for (const auto& entry : device.cloud.macs)
@@ -331,14 +360,24 @@ bool load_devices_from_cloud() {
     }
 }
 
-void sync_devices_to_storage(const std::vector<Device>& stored) {
+bool sync_devices_to_storage(const std::vector<Device>& stored) {
+    SyncTally tally;
     // By index: unlocking runs deferred events, which may grow the inventory.
     for (std::size_t i = 0; i < g_devices.size(); ++i)
-        sync_listed_device(g_devices[i], stored);
+        sync_listed_device(g_devices[i], stored, tally);
     for (const Device& s : stored) {
         if (find_device_by_dev_id(s.cloud.device_id) == nullptr)
-            forget_stored_device(s);
+            forget_stored_device(s, tally);
     }
+    static RepeatFilter failures;
+    if (tally.failed == 0) {
+        failures.recovered();
+        return true;
+    }
+    NK_LOG(failures.level_of(tally.error, nk::log::WARN),
+           "Devices not stored: {:d} writes failed, the first with {}; the load runs again",
+           tally.failed, nk::errno_text(tally.error));
+    return false;
 }
 
 bool sync_device_info() {

@@ -63,7 +63,8 @@ bool read_roles(std::vector<Interface>& interfaces) {
     const nk::path roles_key(nk::kNetworkInterfacesKey);
     std::vector<std::string> names;
     if (nk::setMgmt::enumSubkeys(roles_key, names) < 0) {
-        NK_LOG(nk::log::ERROR, "Error getting subkeys of {}, nkerrno: {}", roles_key, nkerrno);
+        NK_LOG(nk::log::ERROR, "Error getting subkeys of {}, nkerrno: {}", roles_key,
+               nk::errno_text(nkerrno));
         return false;
     }
     for (const std::string& name : names) {
@@ -134,12 +135,13 @@ bool same_table(const std::vector<Interface>& a, const std::vector<Interface>& b
 bool read_table(std::vector<Interface>& interfaces) {
     const std::string roles_key(nk::kNetworkInterfacesKey);
     if (nk::setMgmt::lockKey(roles_key) < 0) {
-        NK_LOG(nk::log::WARN, "Failed to lock {}, nkerrno: {}", roles_key, nkerrno);
+        NK_LOG(nk::log::WARN, "Failed to lock {}, nkerrno: {}", roles_key, nk::errno_text(nkerrno));
         return false;
     }
     const bool built = read_roles(interfaces) && read_kernel_addresses(interfaces);
     if (nk::setMgmt::unlockKey(roles_key) < 0)
-        NK_LOG(nk::log::WARN, "Failed to unlock {}, nkerrno: {}", roles_key, nkerrno);
+        NK_LOG(nk::log::WARN, "Failed to unlock {}, nkerrno: {}", roles_key,
+               nk::errno_text(nkerrno));
     return built;
 }
 
@@ -149,7 +151,7 @@ std::string join_pairs(const std::set<AddressPair>& pairs) {
 
 void set_config_key(const nk::path& key, const std::string& value) {
     if (nk::setMgmt::setKey(key, value) < 0)
-        NK_LOG(nk::log::WARN, "{} setKey error, nkerrno: {}", key, nkerrno);
+        NK_LOG(nk::log::WARN, "{} setKey error, nkerrno: {}", key, nk::errno_text(nkerrno));
 }
 
 void publish_interface(const Interface& iface) {

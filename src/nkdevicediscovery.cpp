@@ -38,7 +38,10 @@
 
 namespace {
 
+constexpr const char* kDaemonName = "nkdevicediscovery";
 constexpr int kMaxEvents = 13;
+// Older than any write in flight: a temporary file this old was left by a crash.
+constexpr std::chrono::seconds kLeftoverAge{10};
 constexpr long kSubmissionDelay = 20;
 constexpr long kSubmissionInterval = 1;
 constexpr long kMinListDevicesTimeout = 300;
@@ -154,8 +157,28 @@ bool start_timers(LoopTimers& t) {
     return true;
 }
 
+// Two daemons on one store would fight over every key and over one bus client id.
+bool claim_store() {
+    long holder = 0;
+    if (nk::setMgmt::claim(kDaemonName, holder) < 0) {
+        if (nkerrno == EWOULDBLOCK) {
+            NK_LOG(nk::log::ERROR, "another {:s} (pid {:d}) uses the settings store {:s}",
+                   kDaemonName, holder, nk::setMgmt::root());
+        } else {
+            NK_LOG(nk::log::ERROR, "cannot claim the settings store {:s}: {}", nk::setMgmt::root(),
+                   nk::errno_text(nkerrno));
+        }
+        return false;
+    }
+    // Only the claimer may remove what an interrupted write left behind.
+    const int removed = nk::setMgmt::remove_leftovers(kLeftoverAge);
+    if (removed > 0)
+        NK_LOG(nk::log::INFO, "removed {:d} leftovers of interrupted writes", removed);
+    return true;
+}
+
 bool open_bus(Unwinder& unwind) {
-    g_nkex = nkex_init("nkdevicediscovery", nkex_msg_callback, nullptr, 1);
+    g_nkex = nkex_init(kDaemonName, nkex_msg_callback, nullptr, 1);
     if (g_nkex == nullptr) {
         NK_LOG(nk::log::ERROR, "nkex_init()");
         return false;
@@ -194,6 +217,8 @@ bool start_up(Unwinder& unwind, Loop& loop) {
         return false;
     }
     unwind.push([] { nk::setMgmt::uninit(); });
+    if (!claim_store())
+        return false;
 
     if (nk::featureutl::init() < 0) {
         NK_LOG(nk::log::ERROR, "featureutl error: {}", nkerrno);
@@ -253,13 +278,17 @@ bool start_up(Unwinder& unwind, Loop& loop) {
     return true;
 }
 
-// Nothing but loading happens until there is a WAN and the inventory is loaded.
+// Nothing but loading happens until there is a WAN and the inventory is loaded. The timers
+// are stopped, not only left out, so that activation starts their cadence afresh.
 void deactivate(Loop& loop) {
     const LoopTimers& t = loop.timers;
-    for (const int fd : {g_event_pipe[0], g_subprocess->fd(), t.avahi_submission, t.upnp_submission,
-                         t.netbios_submission, t.retry}) {
+    for (const int fd : {g_event_pipe[0], g_subprocess->fd()}) {
         if (fd >= 0)
             nk::io::epoll_del_fd(loop.epoll, fd);
+    }
+    for (const int fd : {t.avahi_submission, t.upnp_submission, t.netbios_submission, t.retry}) {
+        nk::io::epoll_del_fd(loop.epoll, fd);
+        nk::time::timer_stop(fd);
     }
     g_subprocess->stop(true);
 }
@@ -353,6 +382,7 @@ void handle_network_interfaces_update() {
     }
     NK_LOG(nk::log::INFO, "Valid LAN interfaces: {}", names_of(lans));
 
+    set_lan_present(!lans.empty());
     g_subprocess->stop(true);
     if (lans.empty())
         return;
@@ -376,9 +406,8 @@ void load_devices() {
     if (!cloud_loaded)
         cloud_loaded = load_devices_from_cloud();
     if (cloud_loaded && !local_loaded) {
-        local_loaded = load_devices_from_storage(devices);
-        if (local_loaded)
-            sync_devices_to_storage(devices);
+        // Until every device is stored the load is not complete, and runs again.
+        local_loaded = load_devices_from_storage(devices) && sync_devices_to_storage(devices);
     }
     bool removed = false;
     {
@@ -422,11 +451,9 @@ bool ticked(int fd) {
     return nk::time::timer_tick(fd) != 0;
 }
 
-// Serves one ready descriptor; false when it was the stop pipe.
-bool dispatch(Loop& loop, int fd) {
+// Serves one ready descriptor other than the stop pipe.
+void dispatch(Loop& loop, int fd) {
     LoopTimers& t = loop.timers;
-    if (fd == g_stop_pipe)
-        return false;
     if (fd == t.net_info) {
         if (ticked(fd))
             handle_network_interfaces_update();
@@ -485,7 +512,6 @@ bool dispatch(Loop& loop, int fd) {
     } else if (fd == nk::featureutl::get_fd()) {
         nk::featureutl::read_fd();
     }
-    return true;
 }
 
 long monotonic_now() {
@@ -510,12 +536,15 @@ void run_loop(Loop& loop) {
             std::this_thread::sleep_for(std::chrono::seconds(1));
             continue;
         }
-        g_now = monotonic_now();
-        purge_old_mac_timestamps();
+        // A stop wins over whatever else is ready: a load served first could block for long.
         for (int i = 0; i < n; ++i) {
-            if (!dispatch(loop, events[i].data.fd))
+            if (events[i].data.fd == g_stop_pipe)
                 return;
         }
+        g_now = monotonic_now();
+        purge_old_mac_timestamps();
+        for (int i = 0; i < n; ++i)
+            dispatch(loop, events[i].data.fd);
         if (gate >= 0)
             nk::io::epoll_del_fd(loop.epoll, gate);
     }
@@ -535,7 +564,7 @@ int disco_run() {
 }
 
 int main(int argc, char** argv) {
-    nk::daemon::Instance& frame = nk::daemon::instance(argc, argv, "nkdevicediscovery");
+    nk::daemon::Instance& frame = nk::daemon::instance(argc, argv, kDaemonName);
     frame.set_run(disco_run);
     g_stop_pipe = frame.on_stop_pipe();
     if (g_stop_pipe < 0) {

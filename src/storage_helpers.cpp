@@ -3,28 +3,61 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <utility>
 
 #include <nk/log.h>
 #include <nk/nkerrno.h>
 #include <nk/setmgmt.h>
 
 #include "globals.h"
+#include "repeat_filter.h"
 
-bool write_device_to_storage(const Device& device, bool flag) {
-    if (!device.to_devmgmt_device().write_to_shmem())
-        return false;
+namespace {
+
+RepeatFilter g_marker_failures;
+
+}  // namespace
+
+StoreOutcome store_device(const Device& device, bool flag) {
+    StoreOutcome outcome;
+    nk::_set_nkerrno(0);
+    if (!device.to_devmgmt_device().write_to_shmem()) {
+        outcome.error = nkerrno != 0 ? nkerrno : EIO;
+        return outcome;
+    }
+    outcome.table = true;
     const nk::path key = device.device_key();
-    if (nk::setMgmt::setKey(key, flag ? "1" : "0") < 0)
-        NK_LOG(nk::log::WARN, "{} setKey error", key);
-    return true;
+    if (nk::setMgmt::setKey(key, flag ? "1" : "0") < 0) {
+        outcome.error = nkerrno;
+        NK_LOG(g_marker_failures.level_of(outcome.error, nk::log::WARN), "{} setKey error: {}", key,
+               nk::errno_text(outcome.error));
+        return outcome;
+    }
+    if (g_marker_failures.recovered())
+        NK_LOG(nk::log::INFO, "device markers are written again");
+    outcome.marker = true;
+    return outcome;
 }
 
-void remove_device_from_storage(const Device& device) {
+bool write_device_to_storage(const Device& device, bool flag) {
+    return store_device(device, flag).table;
+}
+
+bool remove_device_from_storage(const Device& device) {
     NK_LOG(nk::log::INFO, "removing device from storage: {:s}", device.cloud.device_id);
     const nk::path key = device.device_key();
-    if (nk::setMgmt::deleteKey(key) < 0)
-        NK_LOG(nk::log::WARN, "{} removeKey error", key);
-    device.to_devmgmt_device().delete_shmem();
+    bool removed = true;
+    if (nk::setMgmt::deleteKey(key) < 0) {
+        const int err = nkerrno;
+        NK_LOG(nk::log::WARN, "{} removeKey error: {}", key, nk::errno_text(err));
+        removed = err == ENOENT;
+    }
+    // A record already gone is what was wanted; any other failure keeps the device stored.
+    nk::devMgmt::Device record = device.to_devmgmt_device();
+    nk::_set_nkerrno(0);
+    if (!record.delete_shmem() && nkerrno != 0)
+        removed = false;
+    return removed;
 }
 
 std::optional<Device> load_device_from_storage(const std::string& device_id) {

@@ -9,7 +9,8 @@ std::unique_ptr<nk::Subprocess> g_subprocess;
 
 namespace {
 bool g_leases_received = false;
-}
+bool g_lan_present = false;
+}  // namespace
 
 std::unique_ptr<nk::Subprocess> make_collector(int leases_mode) {
     const char* arg = nullptr;
@@ -24,8 +25,13 @@ std::unique_ptr<nk::Subprocess> make_collector(int leases_mode) {
                                   nk::common_path_kind1() + "/nkdevinfo", {arg});
 }
 
+void set_lan_present(bool present) {
+    g_lan_present = present;
+}
+
 void restart_subprocess() {
-    if (!g_subprocess || g_subprocess->pid() > 0)
+    // Without a LAN to watch the collector has nothing to do; it would only fail and respawn.
+    if (!g_subprocess || !g_lan_present || g_subprocess->pid() > 0)
         return;
     if (g_subprocess->failures() > g_retry_interval["subprocess_respawn_retries"])
         return;

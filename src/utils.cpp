@@ -39,8 +39,7 @@ std::int64_t temporary_id_max() {
 void reset_temporary_ids() {
     NK_LOG(nk::log::ERROR, "Maximum number of temporary devices reached. Resetting counter...");
     send_clear_device_id_cache_message();
-    g_temporary_device_ids.clear();
-    s_temporary_id_counter = 1;
+    forget_temporary_device_ids();
 }
 
 // Additional info gathered before the MAC had an id must be submitted again under it.
@@ -81,6 +80,11 @@ void split_into(const std::string& list, std::unordered_set<std::string>& out) {
 }
 
 }  // namespace
+
+void forget_temporary_device_ids() {
+    g_temporary_device_ids.clear();
+    s_temporary_id_counter = 1;
+}
 
 std::string get_device_id(const macaddr& mac) {
     if (const Device* device = find_device_by_mac(mac))
@@ -139,12 +143,14 @@ macaddr get_real_mac(const macaddr& mac, const address& ip) {
 std::unordered_set<std::string> discovery_ignored_macs() {
     const std::string key(nk::kDiscoveryIgnoredMacsKey);
     if (nk::setMgmt::lockKey(key) < 0) {
-        NK_LOG(nk::log::ERROR, "nk::setMgmt::lockKey failed (key = {}): {}", key, nkerrno);
+        NK_LOG(nk::log::ERROR, "nk::setMgmt::lockKey failed (key = {}): {}", key,
+               nk::errno_text(nkerrno));
         return {};
     }
     std::vector<std::string> subkeys;
     if (nk::setMgmt::enumSubkeys(key, subkeys) < 0) {
-        NK_LOG(nk::log::ERROR, "nk::setMgmt::enumSubkeys failed (key = {}): {}", key, nkerrno);
+        NK_LOG(nk::log::ERROR, "nk::setMgmt::enumSubkeys failed (key = {}): {}", key,
+               nk::errno_text(nkerrno));
         return {};
     }
     std::unordered_set<std::string> macs;
@@ -172,10 +178,9 @@ std::string get_hostname(const macaddr& mac) {
 }
 
 void save_user_agent(const std::string& ip, const std::string& mac, const std::string& user_agent) {
-    {
-        const std::lock_guard lock(g_user_agents_mutex);
-        g_user_agents.push_back(UserAgent{address(ip), macaddr(mac), user_agent});
-    }
+    // Queued and announced in one step under the mutex, as every queue does.
+    const std::lock_guard lock(g_user_agents_mutex);
+    g_user_agents.push_back(UserAgent{address(ip), macaddr(mac), user_agent});
     wake_main_loop();
 }
 

@@ -1,16 +1,30 @@
 // The real daemon binary against a private broker, settings store and device table.
+#include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstring>
 #include <fstream>
+#include <mutex>
+#include <sstream>
 
+#include <fmt/format.h>
+#include <nk/devmgmt.h>
+#include <nk/io.h>
+#include <nk/json.h>
 #include <nk/nkex.h>
+#include <nk/setmgmt.h>
 
 #include "daemon_process.h"
 #include "temp_dir.h"
 #include "test_broker.h"
+#include "wait.h"
 
 namespace {
 
@@ -19,7 +33,11 @@ using nk::test::DaemonProcess;
 
 class DaemonRunTest : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_TRUE(broker_.start()); }
+    void SetUp() override {
+        // The store exists before anything is set in it, as on a box.
+        ASSERT_TRUE(::mkdir(settings_.c_str(), 0755) == 0 || errno == EEXIST);
+        ASSERT_TRUE(broker_.start());
+    }
 
     std::vector<std::string> args(const std::string& settings) const {
         return {NK_DAEMON_BIN,    "-f",       "--settings",      settings,      "--devmgmt",
@@ -32,11 +50,68 @@ protected:
                                      command);
     }
 
+    // Lines with `text` logged at `level` ("WARN", "DEBUG", ...).
+    int count_lines_at(const std::string& level, const std::string& text) {
+        std::istringstream log(daemon_.log());
+        int n = 0;
+        for (std::string line; std::getline(log, line);) {
+            n += line.find(" " + level + " [") != std::string::npos &&
+                 line.find(text) != std::string::npos;
+        }
+        return n;
+    }
+
+    // A WAN role and a BOX id are all it takes for the daemon to go on to load its devices.
+    void give_wan() {
+        ASSERT_EQ(nkset("set /network/interfaces/roles/wan0 wan"), 0);
+        ASSERT_EQ(nkset("set /daemons/nkcloudd/device_id box-1"), 0);
+    }
+
     nk::test::TempDir dir_;
     std::string settings_ = dir_ / "settings";
     nk::test::TestBroker broker_{dir_.path()};
     nk::test::ScopedEnv libexec_{"NK_LIBEXEC_DIR", dir_.path()};
     DaemonProcess daemon_;
+};
+
+// Answers list_devices_v2 with a failure, or once told to, with an empty list; records when
+// each request came.
+class Connector {
+public:
+    explicit Connector(const std::string& broker) : env_("NKEX_BROKER", broker) {
+        handle_ = nkex_init("nkcloudd", answer, this, 1);
+        const char* names[] = {"cloud::connect/box_mgmt/#"};
+        EXPECT_EQ(nkex_subscribe(handle_, names, 1), 0);
+    }
+    ~Connector() { nkex_uninit(handle_); }
+    Connector(const Connector&) = delete;
+    Connector& operator=(const Connector&) = delete;
+
+    void succeed() { succeed_ = true; }
+    std::vector<std::chrono::steady_clock::time_point> requests() {
+        const std::lock_guard lock(mutex_);
+        return requests_;
+    }
+
+private:
+    static void answer(const Message* m, void* context) {
+        auto* self = static_cast<Connector*>(context);
+        {
+            const std::lock_guard lock(self->mutex_);
+            self->requests_.push_back(std::chrono::steady_clock::now());
+        }
+        const std::string empty = R"({"result": {"page": 0, "count": 0, "devices": []}})";
+        if (self->succeed_)
+            nkex_send_response(self->handle_, 0, m->id, empty.data(), empty.size());
+        else
+            nkex_send_response(self->handle_, 3, m->id, nullptr, 0);
+    }
+
+    nk::test::ScopedEnv env_;
+    nkex_handle* handle_ = nullptr;
+    std::atomic<bool> succeed_{false};
+    std::mutex mutex_;
+    std::vector<std::chrono::steady_clock::time_point> requests_;
 };
 
 TEST_F(DaemonRunTest, ReadyThenExitsCleanlyOnSignal) {
@@ -105,6 +180,137 @@ TEST_F(DaemonRunTest, FeatureChangesApplyWhileRunning) {
     ASSERT_EQ(nkset("set /features/ids/0 0"), 0);
     EXPECT_TRUE(daemon_.wait_for_line("Feature 0 changed to 0"));
     EXPECT_EQ(daemon_.stop(SIGTERM), 0);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(DaemonRunTest, LoadsEveryTwoSecondsUntilLoadedAndNeverStartsACollectorWithoutLan) {
+    give_wan();
+    // The collector would be restarted at every active turn, were there a LAN to watch.
+    ASSERT_EQ(nkset("set /daemons/nkdevicediscovery/subprocess_respawn_frequency 0"), 0);
+    Connector cloud(broker_.address());
+    ASSERT_TRUE(start());
+    ASSERT_TRUE(nk::test::wait_until([&] { return cloud.requests().size() >= 3; }, 8s));
+    const auto at = cloud.requests();
+    for (std::size_t i = 1; i < at.size(); ++i) {
+        EXPECT_GT(at[i] - at[i - 1], 1500ms) << i;
+        EXPECT_LT(at[i] - at[i - 1], 3000ms) << i;
+    }
+
+    cloud.succeed();
+    ASSERT_TRUE(daemon_.wait_for_line("Devices loaded and synced!", 5s));
+    // A change of feature is served by the loop on a later, active turn.
+    ASSERT_EQ(nkset("set /features/ids/0 1"), 0);
+    ASSERT_TRUE(daemon_.wait_for_line("Feature 0 changed to 1"));
+    EXPECT_EQ(daemon_.count_lines("Restarting"), 0);
+    EXPECT_EQ(daemon_.count_lines("Started subprocess"), 0);
+    EXPECT_EQ(daemon_.stop(SIGTERM), 0);
+}
+
+TEST_F(DaemonRunTest, StopsWithinASecondWhileTheCloudIsSilent) {
+    give_wan();
+    nk::test::ScopedEnv timeout("NKEX_TIMEOUT_MS", "30000");
+    ASSERT_TRUE(start());
+    ASSERT_TRUE(daemon_.wait_for_line("loading devices from cloud"));
+    EXPECT_EQ(daemon_.stop(SIGTERM, 1s), 0);
+    EXPECT_EQ(daemon_.count_lines("exiting"), 1);
+}
+
+TEST_F(DaemonRunTest, ASecondDaemonOnTheSameStoreRefusesToStart) {
+    ASSERT_TRUE(start());
+    ASSERT_TRUE(daemon_.wait_for_line("disco ready"));
+    DaemonProcess second;
+    ASSERT_TRUE(second.start(args(settings_)));
+    EXPECT_EQ(second.wait_exit(), 1);
+    EXPECT_EQ(second.count_lines("another nkdevicediscovery (pid " + std::to_string(daemon_.pid()) +
+                                 ") uses the settings store"),
+              1);
+    EXPECT_EQ(second.count_lines("disco ready"), 0);
+    EXPECT_EQ(daemon_.stop(SIGTERM), 0);
+}
+
+// The settings store on a small tmpfs in this test's own mount namespace, so it can be filled
+// up and emptied again; the mount disappears with the namespace.
+class FullStoreTest : public DaemonRunTest {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0)
+            GTEST_SKIP() << "mounting a small store needs root";
+        ASSERT_EQ(::unshare(CLONE_NEWNS), 0) << std::strerror(errno);
+        ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        ASSERT_EQ(::mkdir(settings_.c_str(), 0755), 0);
+        ASSERT_EQ(::mount("tmpfs", settings_.c_str(), "tmpfs", 0, "size=512k"), 0);
+        mounted_ = true;
+        DaemonRunTest::SetUp();
+    }
+    void TearDown() override {
+        daemon_.stop(SIGTERM);
+        cloud_.stop(SIGTERM);
+        if (mounted_)
+            ::umount2(settings_.c_str(), MNT_DETACH);
+    }
+
+    // Writes until the store has no room left.
+    void fill() {
+        const nk::io::unique_fd fd(::open(filler_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        ASSERT_TRUE(fd);
+        const std::string block(4096, 'x');
+        while (::write(fd.get(), block.data(), block.size()) > 0) {
+        }
+        ASSERT_EQ(errno, ENOSPC);
+    }
+
+    std::string emu(const std::string& command) {
+        std::string out;
+        EXPECT_EQ(nk::test::run_command(
+                      std::string(NK_CLOUD_EMU_BIN) + " --db " + db_ + " " + command, &out),
+                  0)
+            << command;
+        return out;
+    }
+
+    bool mounted_ = false;
+    const std::string filler_ = settings_ + "/filler";
+    const std::string db_ = dir_ / "cloud.db";
+    nk::test::ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
+    nk::test::ScopedEnv settings_env_{"NK_SETTINGS_DIR", settings_};
+    nk::test::ScopedEnv devmgmt_env_{"NK_DEVMGMT_DIR", dir_ / "devmgmt"};
+    DaemonProcess cloud_;
+};
+
+TEST_F(FullStoreTest, NothingIsLoadedUntilEveryDeviceIsStored) {
+    ASSERT_EQ(nkset("set /network/interfaces/roles/wan0 wan"), 0);
+    for (int i = 0; i < 25; ++i)
+        emu(fmt::format("add 02:00:00:00:01:{:02x}", i));
+    ASSERT_TRUE(cloud_.start({NK_CLOUD_EMU_BIN, "-f", "--db", db_, "serve"}));
+    ASSERT_TRUE(cloud_.wait_for_line("cloud ready"));
+    fill();
+
+    ASSERT_TRUE(start());
+    ASSERT_TRUE(daemon_.wait_for_line("Devices not stored"));
+    // Two more attempts on the load timer, each failing again, but reported once.
+    ASSERT_TRUE(nk::test::wait_until(
+        [&] { return daemon_.count_lines("loading devices from storage") >= 3; }, 8s));
+    EXPECT_EQ(daemon_.count_lines("Devices loaded and synced!"), 0);
+    EXPECT_EQ(count_lines_at("WARN", "Devices not stored"), 1);
+    EXPECT_EQ(count_lines_at("WARN", "setKey error: No space left on device"), 1);
+
+    ASSERT_EQ(::unlink(filler_.c_str()), 0);
+    ASSERT_TRUE(daemon_.wait_for_line("Devices loaded and synced!"));
+    std::istringstream listed(emu("list"));
+    int stored = 0;
+    for (std::string line; std::getline(listed, line);) {
+        const nk::json_ptr device(json_loads(line.c_str(), 0, nullptr));
+        nk::devMgmt::Device record;
+        record.device_id = json_string_value(json_object_get(device.get(), "device_id"));
+        EXPECT_EQ(nk::setMgmt::getKeyValue("/devices/" + record.device_id, ""), "1");
+        EXPECT_TRUE(record.load_from_shmem(false, true)) << record.device_id;
+        ++stored;
+    }
+    EXPECT_GE(stored, 25);
+    nk::devMgmt::close_table();
 }
 
 }  // namespace

@@ -51,6 +51,18 @@ protected:
     ScopedEnv timeout_env_{"NKEX_TIMEOUT_MS", "1000"};
 };
 
+std::string page(int number, int devices) {
+    std::string list;
+    for (int i = 0; i < devices; ++i)
+        list += fmt::format(R"({}{{"device_id": "d{}-{}"}})", i ? ", " : "", number, i);
+    return fmt::format(R"({{"result": {{"page": {}, "count": 45, "devices": [{}]}}}})", number,
+                       list);
+}
+
+std::string error(const char* text) {
+    return fmt::format(R"({{"error": {{"data": {{"data": {{"err_data": "{}"}}}}}}}})", text);
+}
+
 // Answers each request with the next scripted text (the last one again when they run out).
 class ScriptedCloudTest : public DeviceSyncTest {
 protected:
@@ -64,10 +76,18 @@ protected:
         DeviceSyncTest::TearDown();
         nkex_uninit(connector_);
     }
+    // With nothing scripted, every page asked for comes back full.
     static void answer(const Message* m, void* context) {
         auto* self = static_cast<ScriptedCloudTest*>(context);
-        const std::string& text =
-            self->answers_.at(std::min<std::size_t>(self->requests_++, self->answers_.size() - 1));
+        const std::size_t n = self->requests_++;
+        std::string text;
+        if (self->answers_.empty()) {
+            const nk::json_ptr body(json_loadb(m->data, m->length, 0, nullptr));
+            text =
+                page(static_cast<int>(json_integer_value(json_object_get(body.get(), "page"))), 20);
+        } else {
+            text = self->answers_.at(std::min(n, self->answers_.size() - 1));
+        }
         nkex_send_response(self->connector_, 0, m->id, text.data(), text.size());
     }
 
@@ -75,18 +95,6 @@ protected:
     std::vector<std::string> answers_;
     std::atomic<std::size_t> requests_{0};
 };
-
-std::string page(int number, int devices) {
-    std::string list;
-    for (int i = 0; i < devices; ++i)
-        list += fmt::format(R"({}{{"device_id": "d{}-{}"}})", i ? ", " : "", number, i);
-    return fmt::format(R"({{"result": {{"page": {}, "count": 45, "devices": [{}]}}}})", number,
-                       list);
-}
-
-std::string error(const char* text) {
-    return fmt::format(R"({{"error": {{"data": {{"data": {{"err_data": "{}"}}}}}}}})", text);
-}
 
 TEST_F(ScriptedCloudTest, AnswersOutsideTheProtocolEndTheLoad) {
     struct Case {
@@ -113,6 +121,14 @@ TEST_F(ScriptedCloudTest, AnswersOutsideTheProtocolEndTheLoad) {
         EXPECT_EQ(g_devices.size(), c.devices) << c.line;
         EXPECT_EQ(requests_, c.requests) << c.line;
     }
+}
+
+TEST_F(ScriptedCloudTest, ACountThatFullPagesNeverMeetEndsAtThePageBound) {
+    nk::test::StderrCapture capture;
+    EXPECT_TRUE(load_devices_from_cloud());
+    EXPECT_EQ(requests_, 256u);
+    EXPECT_EQ(g_devices.size(), 256u * 20);
+    EXPECT_NE(capture.text().find("stopping after 256 full pages"), std::string::npos);
 }
 
 class EmulatedCloudTest : public DeviceSyncTest {
@@ -164,16 +180,21 @@ protected:
 
 TEST_F(EmulatedCloudTest, EveryPageIsFetchedOnceAndEveryDeviceLoaded) {
     int total = 0;
+    // The BOX itself is listed too, always: 19 devices and the BOX fill exactly one page.
     for (const auto& [devices, requests] :
-         std::vector<std::pair<int, int>>{{0, 1}, {1, 1}, {20, 1}, {21, 2}, {45, 3}}) {
+         std::vector<std::pair<int, int>>{{0, 1}, {1, 1}, {19, 1}, {20, 2}, {45, 3}}) {
         while (total < devices)
             emu("add " + mac_text(++total));
         const int before = requests_seen("list_devices_v2");
         ASSERT_TRUE(load_devices_from_cloud()) << devices;
         EXPECT_EQ(requests_seen("list_devices_v2") - before, requests) << devices;
+        EXPECT_EQ(g_devices.size(), static_cast<std::size_t>(devices) + 1);
+        EXPECT_NE(find_device_by_dev_id(g_device_id), nullptr);
         std::set<std::string> macs;
-        for (const Device& d : g_devices)
-            macs.insert(d.cloud.macs.empty() ? "" : d.cloud.macs.begin()->first);
+        for (const Device& d : g_devices) {
+            if (!d.cloud.macs.empty())
+                macs.insert(d.cloud.macs.begin()->first);
+        }
         EXPECT_EQ(macs.size(), static_cast<std::size_t>(devices));
     }
 }
@@ -228,7 +249,8 @@ TEST_F(EmulatedCloudTest, SyncCarriesLocalStateOverAndDropsWhatTheCloudForgot) {
 TEST_F(EmulatedCloudTest, RefreshStoresChangedFieldsAndKeepsThisBoxsOnbox) {
     const std::string id = emu("add " + mac_text(1) + " Phone");
     ASSERT_TRUE(load_devices_from_cloud());
-    Device& d = g_devices.at(0);
+    ASSERT_NE(find_device_by_dev_id(id), nullptr);
+    Device& d = *find_device_by_dev_id(id);
     ASSERT_TRUE(write_device_to_storage(d, false));
     emu("rename " + id + " Tablet");
     ASSERT_TRUE(d.update_device_fields_from_cloud({"friendly_name"}, false));
@@ -253,9 +275,10 @@ TEST_F(EmulatedCloudTest, LateOrSilentCloudChangesNothingAndIsTriedAgain) {
     emu("fault add delay=2500,command=list_devices_v2,count=1");
     EXPECT_FALSE(load_devices_from_cloud());
     ASSERT_TRUE(load_devices_from_cloud());
-    ASSERT_EQ(g_devices.size(), 1u);
+    ASSERT_EQ(g_devices.size(), 2u);  // with the BOX
+    ASSERT_NE(find_device_by_dev_id(id), nullptr);
 
-    Device& d = g_devices[0];
+    Device& d = *find_device_by_dev_id(id);
     d.info_sync_pending = 1;
     d.info_sync_pending_since = 100;
     g_sync_retry_interval = 60;

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <nk/constants.h>
+#include <nk/nkerrno.h>
 #include <nk/setmgmt.h>
 
 #include "globals.h"
@@ -98,7 +99,7 @@ TEST_F(DeviceKeyTest, KeyHeldByAnotherProcessFailsAfterTheBoundedWait) {
     nk::test::StderrCapture err;
     EXPECT_FALSE(device_.lock_device_key());
     EXPECT_NE(
-        err.text().find("Failed to lock device key /devices/dev1: " + std::to_string(EWOULDBLOCK)),
+        err.text().find("Failed to lock device key /devices/dev1: " + nk::errno_text(EWOULDBLOCK)),
         std::string::npos);
     for (const int fd : {locked[0], locked[1], release[0], release[1]})
         ::close(fd);
