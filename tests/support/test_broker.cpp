@@ -1,6 +1,5 @@
 #include "test_broker.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -10,8 +9,9 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
-#include <thread>
+#include <vector>
 
+#include "temp_dir.h"
 #include "wait.h"
 
 namespace nk::test {
@@ -30,6 +30,23 @@ bool accepts(const std::string& path) {
     return ok;
 }
 
+// Root's broker would switch to its own account before making its socket, and could not make
+// it in a root-owned scratch directory; so it starts as that account, allowed to write there.
+std::vector<std::string> broker_command(const std::string& conf) {
+    std::vector<std::string> command;
+    if (::geteuid() == 0) {
+        command = {NK_SETPRIV_BIN,
+                   "--reuid=mosquitto",
+                   "--regid=mosquitto",
+                   "--init-groups",
+                   "--inh-caps=+dac_override",
+                   "--ambient-caps=+dac_override",
+                   "--"};
+    }
+    command.insert(command.end(), {NK_MOSQUITTO_BIN, "-c", conf});
+    return command;
+}
+
 }  // namespace
 
 TestBroker::TestBroker(std::string dir) : dir_(std::move(dir)) {
@@ -44,35 +61,32 @@ TestBroker::~TestBroker() {
     stop();
 }
 
-std::string TestBroker::config_text(const std::string& socket_path) {
-    std::string text = "listener 0 " + socket_path +
-                       "\n"
-                       "allow_anonymous true\n"
-                       "persistence false\n"
-                       "log_type error\n"
-                       "log_type warning\n"
-                       "log_dest stderr\n";
-    if (::geteuid() == 0)
-        text += "user root\n";
-    return text;
+bool TestBroker::write_config(const std::string& file) const {
+    std::string text;
+    if (run_command(std::string(NK_BROKER_CONFIG) + " '" + socket_ + "'", &text) != 0)
+        return false;
+    std::ofstream out(file, std::ios::trunc);
+    out << text;
+    return static_cast<bool>(out);
 }
 
 bool TestBroker::start() {
     if (running())
         return true;
     const std::string conf = dir_ + "/mosquitto.conf";
-    {
-        std::ofstream out(conf, std::ios::trunc);
-        out << config_text(socket_);
-        if (!out)
-            return false;
-    }
+    if (!write_config(conf))
+        return false;
     ::unlink(socket_.c_str());
+    const std::vector<std::string> command = broker_command(conf);
+    std::vector<char*> argv;
+    for (const std::string& arg : command)
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
     const pid_t pid = ::fork();
     if (pid < 0)
         return false;
     if (pid == 0) {
-        ::execl(NK_MOSQUITTO_BIN, "mosquitto", "-c", conf.c_str(), static_cast<char*>(nullptr));
+        ::execv(argv[0], argv.data());
         ::_exit(127);
     }
     pid_ = pid;

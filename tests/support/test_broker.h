@@ -29,10 +29,10 @@ public:
     // The NKEX_BROKER form: "unix:<socket>".
     std::string address() const { return "unix:" + socket_; }
 
-    // The config the broker runs with (also what scripts/run writes).
-    static std::string config_text(const std::string& socket_path);
-
 private:
+    // The project's one broker configuration, for this socket.
+    bool write_config(const std::string& file) const;
+
     std::unique_ptr<TempDir> own_dir_;
     std::string dir_;
     std::string socket_;

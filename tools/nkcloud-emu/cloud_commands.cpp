@@ -162,8 +162,6 @@ nk::json_ptr CloudCommands::list_devices(const json_t* body) {
     std::int64_t count = 0;
     if (!db_.count_devices(count))
         return storage_failure();
-    if (count == 0)
-        return error_answer(kNotFound, "No devices found for this box");
     const std::int64_t size = json_integer_value(limit);
     const std::int64_t number = json_integer_value(page);
     std::vector<CloudDevice> devices;

@@ -17,7 +17,8 @@ CREATE TABLE IF NOT EXISTS devices (
     is_box INTEGER NOT NULL DEFAULT 0,
     fields TEXT NOT NULL
 );
-CREATE INDEX IF NOT EXISTS devices_by_creation ON devices (is_box, created, id);
+DROP INDEX IF EXISTS devices_by_creation;
+CREATE INDEX IF NOT EXISTS devices_in_order ON devices (created, id);
 CREATE UNIQUE INDEX IF NOT EXISTS devices_one_box ON devices (is_box) WHERE is_box = 1;
 CREATE TABLE IF NOT EXISTS additional_info (
     device_id TEXT NOT NULL REFERENCES devices (id) ON DELETE CASCADE,
@@ -234,7 +235,7 @@ bool CloudDb::remove(const std::string& id, bool& removed) {
 }
 
 bool CloudDb::count_devices(std::int64_t& out) {
-    Statement stmt(db_.get(), "SELECT count(*) FROM devices WHERE is_box = 0");
+    Statement stmt(db_.get(), "SELECT count(*) FROM devices");
     if (stmt.step() != SQLITE_ROW)
         return false;
     out = stmt.integer(0);
@@ -243,9 +244,9 @@ bool CloudDb::count_devices(std::int64_t& out) {
 
 bool CloudDb::list_devices(std::int64_t offset, std::int64_t limit, std::vector<CloudDevice>& out) {
     out.clear();
-    Statement stmt(db_.get(), (std::string(kDeviceColumns) +
-                               "WHERE is_box = 0 ORDER BY created, id LIMIT ?1 OFFSET ?2")
-                                  .c_str());
+    Statement stmt(
+        db_.get(),
+        (std::string(kDeviceColumns) + "ORDER BY created, id LIMIT ?1 OFFSET ?2").c_str());
     stmt.bind(1, limit).bind(2, offset);
     int rc = SQLITE_ERROR;
     while ((rc = stmt.step()) == SQLITE_ROW) {

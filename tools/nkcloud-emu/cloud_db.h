@@ -45,7 +45,7 @@ public:
     // `removed` tells whether the device existed.
     bool remove(const std::string& id, bool& removed);
 
-    // The BOX's own device is never counted or listed.
+    // Every device, the BOX's own included (the cloud lists it among its devices).
     bool count_devices(std::int64_t& out);
     // Ordered by creation, then id.
     bool list_devices(std::int64_t offset, std::int64_t limit, std::vector<CloudDevice>& out);

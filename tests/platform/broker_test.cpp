@@ -1,0 +1,94 @@
+// The private broker as the project configures and starts it: silent when all is well (as root
+// too), and a daemon's burst of QoS 1 events is kept whole for a subscriber that is away.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "nk/nkex.h"
+#include "stderr_capture.h"
+#include "temp_dir.h"
+#include "test_broker.h"
+#include "wait.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int kBurst = 20000;
+
+struct BusCloser {
+    void operator()(nkex_handle* handle) const { nkex_uninit(handle); }
+};
+using Bus = std::unique_ptr<nkex_handle, BusCloser>;
+
+// Counts the arrivals of each event number.
+struct Tally {
+    std::mutex mutex;
+    std::vector<int> seen = std::vector<int>(kBurst, 0);
+    int total = 0;
+
+    static void on_message(const Message* m, void* context) {
+        auto* self = static_cast<Tally*>(context);
+        const int n = std::stoi(std::string(m->data, m->length));
+        const std::lock_guard lock(self->mutex);
+        ++self->seen.at(static_cast<std::size_t>(n));
+        ++self->total;
+    }
+    int count() {
+        const std::lock_guard lock(mutex);
+        return total;
+    }
+};
+
+TEST(BrokerTest, StartsAndStopsWithoutAWord) {
+    nk::test::StderrCapture capture;
+    nk::test::TestBroker broker;
+    ASSERT_TRUE(broker.start());
+    broker.stop();
+    EXPECT_EQ(capture.text(), "");
+}
+
+TEST(BrokerTest, ABurstOfQos1EventsWaitsWholeForAnAbsentSubscriber) {
+    nk::test::TestBroker broker;
+    ASSERT_TRUE(broker.start());
+    const nk::test::ScopedEnv env("NKEX_BROKER", broker.address());
+    Tally tally, witness;
+    const char* burst[] = {"burst"};
+    const char* end[] = {"burst-end"};
+    {
+        // Subscribed, then gone: the broker queues the whole burst for its session.
+        const Bus sink(nkex_init("sink", &Tally::on_message, &tally, 1));
+        ASSERT_TRUE(sink);
+        ASSERT_EQ(nkex_subscribe(sink.get(), burst, 1), 0);
+    }
+    const Bus watcher(nkex_init("watcher", &Tally::on_message, &witness, 1));
+    ASSERT_TRUE(watcher);
+    ASSERT_EQ(nkex_subscribe(watcher.get(), end, 1), 0);
+    const Bus sender(nkex_init("sender", nullptr, nullptr, 1));
+    ASSERT_TRUE(sender);
+    for (int i = 0; i < kBurst; ++i) {
+        const std::string data = std::to_string(i);
+        ASSERT_EQ(nkex_send_message(sender.get(), "burst", data.data(), data.size()), 0);
+    }
+    // The broker takes a client's messages in order: once the marker is through, so is the burst.
+    ASSERT_EQ(nkex_send_message(sender.get(), "burst-end", "0", 1), 0);
+    ASSERT_TRUE(nk::test::wait_until([&] { return witness.count() == 1; }, 60s));
+
+    const Bus sink(nkex_init("sink", &Tally::on_message, &tally, 1));
+    ASSERT_TRUE(sink);
+    // A dropped event never comes: once the count stands still for a while, it is final.
+    int last = -1;
+    while (!nk::test::wait_until([&] { return tally.count() == kBurst; }, 2s) &&
+           tally.count() != last) {
+        last = tally.count();
+    }
+    EXPECT_EQ(tally.count(), kBurst);
+    for (int i = 0; i < kBurst; ++i)
+        ASSERT_EQ(tally.seen[static_cast<std::size_t>(i)], 1) << "event " << i;
+}
+
+}  // namespace
