@@ -5,6 +5,7 @@
 #include <spawn.h>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
+#include <sysexits.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -33,13 +35,15 @@ enum Exit : int {
     kOk = 0,
     kMissing = 1,  // the key (or its value) does not exist
     kBadKey = 2,   // the key's text is not a valid key
-    kFailure = 3,  // the store refused: I/O error, lock held elsewhere
-    kUsage = 64,   // EX_USAGE
+    kFailure = 3,  // no store, or it refused: I/O error, lock held elsewhere
+    kUsage = EX_USAGE,
     kNoCommand = 127,
 };
 
-constexpr const char* kUsageText =
-    "Usage: nkset [--settings DIR] [--wait MS] COMMAND KEY [ARGS...]\n"
+constexpr const char* kSynopsis =
+    "Usage: nkset [--settings DIR] [--wait MS] COMMAND KEY [ARGS...]\n";
+
+constexpr const char* kHelpText =
     "\n"
     "Commands:\n"
     "  get KEY              print the key's value\n"
@@ -55,11 +59,16 @@ constexpr const char* kUsageText =
     "                       /var/lib/nk/settings)\n"
     "  --wait MS            how long lock waits for the key (default 2000)\n"
     "  -h, --help           show this help\n"
+    "  --version            show the version\n"
     "\n"
-    "Exit status: 0 done, 1 key absent, 2 bad key, 3 store failure or lock busy, 64 usage.\n";
+    "The store is never created: a missing one is a store failure.\n"
+    "Exit status: 0 done, 1 key absent, 2 bad key, 3 no store, store failure or lock busy,\n"
+    "64 usage.\n";
 
 int usage_error(const std::string& why) {
-    fmt::print(stderr, "nkset: {}\n{}", why, kUsageText);
+    if (!why.empty())
+        fmt::print(stderr, "nkset: {}\n", why);
+    fmt::print(stderr, "{}Try 'nkset --help' for more information.\n", kSynopsis);
     return kUsage;
 }
 
@@ -192,38 +201,73 @@ int cmd_lock(const std::string& key, const std::vector<std::string>& command) {
 struct Options {
     std::vector<std::string> args;  // command and its operands
     bool help = false;
+    bool version = false;
 };
 
 bool parse_wait(const char* text) {
     int ms = 0;
     const char* end = text + std::strlen(text);
     const auto [ptr, ec] = std::from_chars(text, end, ms);
-    if (ec != std::errc() || ptr != end || ms < 0)
+    if (ec != std::errc() || ptr != end || ms < 0) {
+        fmt::print(stderr, "nkset: --wait wants milliseconds, not '{}'\n", text);
         return false;
+    }
     sm::set_lock_timeout_ms(ms);
     return true;
 }
 
-// Options stop at the command, so a locked command's own options are left alone.
+bool set_root(const char* dir) {
+    if (*dir == '\0') {
+        fmt::print(stderr, "nkset: --settings needs a non-empty value\n");
+        return false;
+    }
+    return ::setenv(nk::kSettingsDirEnv, dir, 1) == 0;
+}
+
+// Options stop at the command, so a locked command's own options are left alone. getopt_long
+// names an unknown option itself; empty when the command line is wrong, having said why.
 std::optional<Options> parse(int argc, char** argv) {
     static const option kLong[] = {{"settings", required_argument, nullptr, 's'},
                                    {"wait", required_argument, nullptr, 'w'},
                                    {"help", no_argument, nullptr, 'h'},
+                                   {"version", no_argument, nullptr, 'V'},
                                    {nullptr, 0, nullptr, 0}};
     Options opts;
-    opterr = 0;
     int c = 0;
     while ((c = ::getopt_long(argc, argv, "+h", kLong, nullptr)) != -1) {
-        if (c == 'h') {
-            opts.help = true;
-        } else if (c == 's' && *optarg != '\0') {
-            ::setenv(nk::kSettingsDirEnv, optarg, 1);
-        } else if (c != 'w' || !parse_wait(optarg)) {
-            return std::nullopt;
+        bool ok = true;
+        switch (c) {
+            case 'h':
+                opts.help = true;
+                break;
+            case 'V':
+                opts.version = true;
+                break;
+            case 's':
+                ok = set_root(optarg);
+                break;
+            case 'w':
+                ok = parse_wait(optarg);
+                break;
+            default:  // getopt_long has named the option
+                ok = false;
         }
+        if (!ok)
+            return std::nullopt;
     }
     opts.args.assign(argv + optind, argv + argc);
     return opts;
+}
+
+// The store belongs to whoever installs the box: a wrong --settings must not leave a new,
+// empty one behind (every write below would create it).
+bool store_exists() {
+    const std::string root = sm::root();
+    std::error_code ec;
+    if (std::filesystem::is_directory(root, ec))
+        return true;
+    fmt::print(stderr, "nkset: no settings store at {}\n", root);
+    return false;
 }
 
 int dispatch(const std::vector<std::string>& args) {
@@ -241,6 +285,8 @@ int dispatch(const std::vector<std::string>& args) {
                    key);
         return kBadKey;
     }
+    if (!store_exists())
+        return kFailure;
     if (command == "get")
         return cmd_get(key);
     if (command == "set")
@@ -267,9 +313,13 @@ bool is_command(const std::string& word) {
 int main(int argc, char** argv) {
     const std::optional<Options> opts = parse(argc, argv);
     if (!opts)
-        return usage_error("bad option");
+        return usage_error("");
     if (opts->help) {
-        fmt::print("{}", kUsageText);
+        fmt::print("{}{}", kSynopsis, kHelpText);
+        return kOk;
+    }
+    if (opts->version) {
+        fmt::print("nkset {}\n", NK_VERSION);
         return kOk;
     }
     if (opts->args.empty())

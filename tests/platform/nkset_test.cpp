@@ -70,6 +70,8 @@ private:
 
 class NksetTest : public ::testing::Test {
 protected:
+    NksetTest() { std::filesystem::create_directory(root_); }  // nkset never makes the store
+
     // Exit status; stdout into `out`, stderr into `err`.
     int nkset(const std::string& args, std::string* out = nullptr, std::string* err = nullptr) {
         const std::string err_file = dir_ / "stderr";
@@ -86,11 +88,12 @@ protected:
 };
 
 TEST_F(NksetTest, ExitStatusesAndOutputOfEachCommand) {
+    const std::string absent = dir_ / "absent";
     struct Case {
-        const char* args;
+        std::string args;
         int status;
         const char* out;       // exact stdout
-        const char* err_part;  // expected in stderr
+        std::string err_part;  // expected in stderr
     };
     const Case cases[] = {
         {"set /a/b 'x y'", 0, "", ""},
@@ -107,8 +110,10 @@ TEST_F(NksetTest, ExitStatusesAndOutputOfEachCommand) {
         {"set /a", 64, "", "Usage"},
         {"frob /a", 64, "", "unknown command"},
         {"", 64, "", "no command"},
-        {"--wait x lock /a true", 64, "", "bad option"},
+        {"--wait x lock /a true", 64, "", "not 'x'"},
+        {"--bogus get /a", 64, "", "'--bogus'"},
         {"--help", 0, nullptr, ""},
+        {"--settings " + absent + " set /a 1", 3, "", "no settings store at " + absent},
         {"--wait 50 lock /held true", 3, "", "held by another process"},
         // Inside the command the key is taken: a second locker gives up.
         {"lock /k sh -c '\"$0\" --wait 0 lock /k true; echo $?; exit 7' " NK_NKSET_BIN, 7, "3\n",
@@ -126,10 +131,15 @@ TEST_F(NksetTest, ExitStatusesAndOutputOfEachCommand) {
         }
         EXPECT_NE(err.find(c.err_part), std::string::npos) << err;
     }
+    EXPECT_FALSE(std::filesystem::exists(absent));
+    std::string version;
+    EXPECT_EQ(nkset("--version", &version), 0);
+    EXPECT_EQ(version.rfind("nkset ", 0), 0U) << version;
 }
 
 TEST_F(NksetTest, SettingsOptionWinsOverTheEnvironment) {
     const std::string other = dir_ / "other";
+    ASSERT_TRUE(std::filesystem::create_directory(other));
     ASSERT_EQ(nkset("--settings " + other + " set /k v"), 0);
     std::string value;
     EXPECT_LT(sm::getKey("/k", value), 0);

@@ -1,4 +1,6 @@
 // nkcloud-emu: a stand-in for the cloud behind the BOX's connector, with its state in SQLite.
+#include <sysexits.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -23,8 +25,9 @@ constexpr const char* kProgram = "nkcloud-emu";
 constexpr const char* kDbEnv = "NK_CLOUD_DB";
 constexpr const char* kDbDefault = "nkcloud.db";
 
-constexpr const char* kUsage =
-    "Usage: nkcloud-emu [options] [--db FILE] COMMAND [ARGS]\n"
+constexpr const char* kSynopsis = "[options] [--db FILE] COMMAND [ARGS]";
+
+constexpr const char* kCommands =
     "\n"
     "Commands:\n"
     "  serve [--fault SPEC]...  answer the cloud commands on the bus until SIGINT/SIGTERM\n"
@@ -40,15 +43,30 @@ constexpr const char* kUsage =
     "  delay=MS  answer late      status=N  bus status N (default 3), no data\n"
     "  error=N   error answer, code N (default 500), err_data TEXT\n"
     "  drop      no answer at all\n"
+    "\n";
+
+// After the options shared with the daemons in --help.
+constexpr const char* kUsageEnd =
+    "  --db FILE          the database (NK_CLOUD_DB, default ./nkcloud.db)\n"
     "\n"
-    "  --db FILE          the database (NK_CLOUD_DB, default ./nkcloud.db)\n";
+    "Exit status: 0 done; 1 refused; 3 database or bus failure; 64 usage.\n";
 
 struct CommandLine {
     std::vector<std::string> common{kProgram};  // for the daemon frame
     std::string db;
     std::vector<std::string> command;
     bool help = false;
+    std::string error;  // what is wrong with the options, when something is
 };
+
+// A usage error: what is wrong, if not said already, and a short usage.
+int usage_error(const std::string& why) {
+    if (!why.empty())
+        fmt::print(stderr, "{}: {}\n", kProgram, why);
+    fmt::print(stderr, "Usage: {0} {1}\nTry '{0} --help' for more information.\n", kProgram,
+               kSynopsis);
+    return EX_USAGE;
+}
 
 bool takes_value(std::string_view option) {
     return option == "--settings" || option == "--devmgmt" || option == "--broker" ||
@@ -60,8 +78,9 @@ bool is_common(std::string_view option) {
            (takes_value(option) && option != "--db");
 }
 
-// Options before the command word; the command word and all after it are the command's.
-std::optional<CommandLine> parse(int argc, char** argv) {
+// Options before the command word; the command word and all after it are the command's. The
+// common options' values are checked by the daemon frame.
+CommandLine parse(int argc, char** argv) {
     CommandLine line;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
@@ -71,20 +90,27 @@ std::optional<CommandLine> parse(int argc, char** argv) {
             value = arg.substr(eq + 1);
             arg.resize(eq);
         } else if (takes_value(arg)) {
-            if (i + 1 == argc)
-                return std::nullopt;
+            if (i + 1 == argc) {
+                line.error = "option '" + arg + "' requires an argument";
+                return line;
+            }
             value = argv[++i];
         }
         if (arg == "-h" || arg == "--help") {
             line.help = true;
         } else if (arg == "--db") {
+            if (value.empty()) {
+                line.error = "--db needs a non-empty value";
+                return line;
+            }
             line.db = value;
         } else if (is_common(arg)) {
             line.common.push_back(arg);
             if (takes_value(arg))
                 line.common.push_back(value);
         } else if (arg[0] == '-') {
-            return std::nullopt;
+            line.error = "unknown option '" + std::string(argv[i]) + "'";
+            return line;
         } else {
             line.command.assign(argv + i, argv + argc);
             break;
@@ -120,9 +146,12 @@ std::optional<std::vector<nkemu::Fault>> parse_serve_options(const std::vector<s
     return faults;
 }
 
-int usage_error() {
-    std::fputs(kUsage, stderr);
-    return nkemu::kExitUsage;
+bool is_command(const std::string& word) {
+    for (const char* known : {"serve", "add", "remove", "rename", "list", "fault"}) {
+        if (word == known)
+            return true;
+    }
+    return false;
 }
 
 int run(nk::daemon::Instance& frame, const CommandLine& line) {
@@ -135,11 +164,14 @@ int run(nk::daemon::Instance& frame, const CommandLine& line) {
         if (!db)
             return nkemu::kExitFailure;
         const std::optional<int> status = nkemu::run_operator_command(*db, line.command);
-        return status ? *status : usage_error();
+        if (!status)
+            return usage_error("wrong arguments for '" + line.command[0] + "'");
+        // A bad MAC or fault spec has been named already.
+        return *status == nkemu::kExitUsage ? usage_error("") : *status;
     }
     std::optional<std::vector<nkemu::Fault>> faults = parse_serve_options(line.command);
     if (!faults)
-        return nkemu::kExitUsage;
+        return usage_error("");
     frame.set_run([&frame, file, faults = std::move(*faults)]() mutable {
         std::optional<nkemu::CloudDb> db = nkemu::CloudDb::open(file);
         return db ? nkemu::serve(*db, frame.on_stop_pipe(), std::move(faults)) : 1;
@@ -150,23 +182,25 @@ int run(nk::daemon::Instance& frame, const CommandLine& line) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::optional<CommandLine> line = parse(argc, argv);
-    if (!line)
-        return usage_error();
-    if (line->help) {
-        std::fputs(kUsage, stdout);
-        std::fputs(nk::daemon::common_usage().c_str(), stdout);
+    const CommandLine line = parse(argc, argv);
+    if (!line.error.empty())
+        return usage_error(line.error);
+    if (line.help) {
+        fmt::print("Usage: {} {}\n{}{}{}", kProgram, kSynopsis, kCommands,
+                   nk::daemon::common_usage(), kUsageEnd);
         return 0;
     }
     std::vector<char*> common;
-    for (const std::string& arg : line->common)
+    for (const std::string& arg : line.common)
         common.push_back(const_cast<char*>(arg.c_str()));
     common.push_back(nullptr);
-    nk::daemon::Instance& frame =
-        nk::daemon::instance(static_cast<int>(common.size() - 1), common.data(), kProgram);
+    nk::daemon::Instance& frame = nk::daemon::instance(static_cast<int>(common.size() - 1),
+                                                       common.data(), kProgram, kSynopsis);
     if (frame.early_exit() >= 0)
         return frame.early_exit();
-    if (line->command.empty())
-        return usage_error();
-    return run(frame, *line);
+    if (line.command.empty())
+        return usage_error("no command given");
+    if (!is_command(line.command[0]))
+        return usage_error("unknown command '" + line.command[0] + "'");
+    return run(frame, line);
 }
