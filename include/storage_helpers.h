@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "device.h"
@@ -15,7 +16,22 @@ struct StoreOutcome {
     int error = 0;
     bool complete() const { return table && marker; }
 };
-StoreOutcome store_device(const Device& device, bool flag);
+
+// Markers of many devices, written together with one flush to disk: a first load stores
+// hundreds, and a flush each would take seconds.
+class MarkerBatch {
+public:
+    void add(const Device& device, bool flag);
+    // Writes what was added; the outcome of each marker, in the order added, is complete or
+    // carries its error (logged as a single write's would be).
+    std::vector<StoreOutcome> flush();
+
+private:
+    std::vector<std::pair<std::string, std::string>> markers_;
+};
+
+// With a batch, the marker is added to it and written by its flush.
+StoreOutcome store_device(const Device& device, bool flag, MarkerBatch* batch = nullptr);
 
 // A device's marker under /devices and its record in the device table; true when the record
 // was written (a failed marker is logged but does not change the result).

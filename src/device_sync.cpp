@@ -289,21 +289,22 @@ struct SyncTally {
     }
 };
 
-void sync_listed_device(Device& device, const std::vector<Device>& stored, SyncTally& tally) {
+void sync_listed_device(Device& device, const std::vector<Device>& stored, SyncTally& tally,
+                        MarkerBatch& markers) {
     if (!device.lock_device_key())
         return;
     if (const Device* s = find_stored(stored, device.cloud.device_id)) {
         carry_local_state(*s, device);
         if (device.cloud != s->cloud || device.local.device_id != s->local.device_id ||
             device.local.macips != s->local.macips)
-            tally.add(store_device(device, true));
+            tally.add(store_device(device, true, &markers));
     } else {
         device.local.device_id = device.cloud.device_id;
-        tally.add(store_device(device, true));
+        tally.add(store_device(device, true, &markers));
     }
     set_initial_onbox(device);
     // Costs nothing when the record and the marker are stored as they are already.
-    tally.add(store_device(device, true));
+    tally.add(store_device(device, true, &markers));
     NK_LOG(nk::log::INFO, "Initial local onbox_info for device_id {:s} is: {}",
            device.cloud.device_id, device.local.onbox_info);
     device.unlock_device_key();
@@ -362,9 +363,12 @@ bool load_devices_from_cloud() {
 
 bool sync_devices_to_storage(const std::vector<Device>& stored) {
     SyncTally tally;
+    MarkerBatch markers;
     // By index: unlocking runs deferred events, which may grow the inventory.
     for (std::size_t i = 0; i < g_devices.size(); ++i)
-        sync_listed_device(g_devices[i], stored, tally);
+        sync_listed_device(g_devices[i], stored, tally, markers);
+    for (const StoreOutcome& outcome : markers.flush())
+        tally.add(outcome);
     for (const Device& s : stored) {
         if (find_device_by_dev_id(s.cloud.device_id) == nullptr)
             forget_stored_device(s, tally);

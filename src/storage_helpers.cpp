@@ -16,9 +16,23 @@ namespace {
 
 RepeatFilter g_marker_failures;
 
+// The marker half of an outcome.
+void marker_written(StoreOutcome& outcome, const std::string& key, int err) {
+    if (err != 0) {
+        outcome.marker = false;
+        outcome.error = err;
+        NK_LOG(g_marker_failures.level_of(err, nk::log::WARN), "{} setKey error: {}", key,
+               nk::errno_text(err));
+        return;
+    }
+    outcome.marker = true;
+    if (g_marker_failures.recovered())
+        NK_LOG(nk::log::INFO, "device markers are written again");
+}
+
 }  // namespace
 
-StoreOutcome store_device(const Device& device, bool flag) {
+StoreOutcome store_device(const Device& device, bool flag, MarkerBatch* batch) {
     StoreOutcome outcome;
     nk::_set_nkerrno(0);
     if (!device.to_devmgmt_device().write_to_shmem()) {
@@ -26,17 +40,30 @@ StoreOutcome store_device(const Device& device, bool flag) {
         return outcome;
     }
     outcome.table = true;
-    const nk::path key = device.device_key();
-    if (nk::setMgmt::setKey(key, flag ? "1" : "0") < 0) {
-        outcome.error = nkerrno;
-        NK_LOG(g_marker_failures.level_of(outcome.error, nk::log::WARN), "{} setKey error: {}", key,
-               nk::errno_text(outcome.error));
+    if (batch) {
+        batch->add(device, flag);
+        outcome.marker = true;  // as far as it goes: the flush tells
         return outcome;
     }
-    if (g_marker_failures.recovered())
-        NK_LOG(nk::log::INFO, "device markers are written again");
-    outcome.marker = true;
+    const nk::path key = device.device_key();
+    marker_written(outcome, key, nk::setMgmt::setKey(key, flag ? "1" : "0") < 0 ? nkerrno : 0);
     return outcome;
+}
+
+void MarkerBatch::add(const Device& device, bool flag) {
+    markers_.emplace_back(device.device_key(), flag ? "1" : "0");
+}
+
+std::vector<StoreOutcome> MarkerBatch::flush() {
+    std::vector<int> errors;
+    nk::setMgmt::setKeys(markers_, &errors);
+    std::vector<StoreOutcome> outcomes(markers_.size());
+    for (std::size_t i = 0; i < markers_.size(); ++i) {
+        outcomes[i].table = true;
+        marker_written(outcomes[i], markers_[i].first, i < errors.size() ? errors[i] : EIO);
+    }
+    markers_.clear();
+    return outcomes;
 }
 
 bool write_device_to_storage(const Device& device, bool flag) {

@@ -53,13 +53,16 @@ std::string key_dir(const std::string& key) {
     return is_root_key(key) ? root() : root() + key;
 }
 
-// mkdir -p: every missing directory on the way is created.
+// mkdir -p: every missing directory on the way is created. Usually the parent exists, so the
+// walk up happens only when the first mkdir says it is missing.
 bool make_dirs(const std::string& dir) {
-    for (std::size_t pos = dir.find('/', 1); pos != std::string::npos;
-         pos = dir.find('/', pos + 1)) {
-        if (::mkdir(dir.substr(0, pos).c_str(), kDirMode) != 0 && errno != EEXIST)
-            return false;
-    }
+    if (::mkdir(dir.c_str(), kDirMode) == 0 || errno == EEXIST)
+        return true;
+    const std::size_t slash = dir.rfind('/');
+    if (errno != ENOENT || slash == 0 || slash == std::string::npos)
+        return false;
+    if (!make_dirs(dir.substr(0, slash)))
+        return false;
     return ::mkdir(dir.c_str(), kDirMode) == 0 || errno == EEXIST;
 }
 
@@ -92,25 +95,42 @@ bool write_all(int fd, std::string_view data) {
     return true;
 }
 
-// Readers see the old or the new file, never a partly written one.
-int replace_value(const std::string& dir, std::string_view value) {
+bool read_file(const std::string& file, std::string& out) {
+    const nk::io::unique_fd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    return fd && read_all(fd.get(), out);
+}
+
+// The value in a new temporary file beside the key's, on disk when `flush`; its path, or empty
+// with errno set.
+std::string write_temp(const std::string& dir, std::string_view value, bool flush) {
     std::string temp = dir + "/" + kTempPrefix + "XXXXXX";
     nk::io::unique_fd fd(::mkostemp(temp.data(), O_CLOEXEC));
     if (!fd)
-        return fail(errno);
-    const bool written =
-        ::fchmod(fd.get(), kFileMode) == 0 && write_all(fd.get(), value) && ::fsync(fd.get()) == 0;
-    fd.reset();
-    if (written && ::rename(temp.c_str(), (dir + "/" + kValueName).c_str()) == 0)
+        return {};
+    if (::fchmod(fd.get(), kFileMode) == 0 && write_all(fd.get(), value) &&
+        (!flush || ::fsync(fd.get()) == 0)) {
+        return temp;
+    }
+    const int err = errno;
+    ::unlink(temp.c_str());
+    errno = err;
+    return {};
+}
+
+// Readers see the old or the new file, never a partly written one: the temporary file is on
+// disk before the rename makes it the value.
+int publish(const std::string& temp, const std::string& dir) {
+    if (::rename(temp.c_str(), (dir + "/" + kValueName).c_str()) == 0)
         return 0;
     const int err = errno;
     ::unlink(temp.c_str());
     return fail(err);
 }
 
-bool read_file(const std::string& file, std::string& out) {
-    const nk::io::unique_fd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    return fd && read_all(fd.get(), out);
+// Writing what is stored already would cost a flush and a rename for nothing.
+bool is_stored(const std::string& dir, std::string_view value) {
+    std::string current;
+    return read_file(dir + "/" + kValueName, current) && current == value;
 }
 
 bool is_directory(const std::string& dir, const dirent& entry) {
@@ -140,6 +160,17 @@ std::string lock_file(const std::string& key) {
         }
     }
     return root() + "/" + kLocksDir + "/" + name;
+}
+
+// The folder of lock files is made on the first use only.
+nk::io::unique_fd open_lock_file(const std::string& file) {
+    const auto open = [&file] {
+        return nk::io::unique_fd(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode));
+    };
+    nk::io::unique_fd fd = open();
+    if (!fd && errno == ENOENT && make_dirs(root() + "/" + kLocksDir))
+        fd = open();
+    return fd;
 }
 
 struct HeldLock {
@@ -260,13 +291,50 @@ int setKey(const std::string& key, std::string_view value) {
     if (!is_valid_key(key))
         return fail(EINVAL);
     const std::string dir = key_dir(key);
-    // Writing what is stored already would cost an fsync and a rename for nothing.
-    std::string current;
-    if (read_file(dir + "/" + kValueName, current) && current == value)
+    if (is_stored(dir, value))
         return 0;
     if (!make_dirs(dir))
         return fail(errno);
-    return replace_value(dir, value);
+    const std::string temp = write_temp(dir, value, true);
+    return temp.empty() ? fail(errno) : publish(temp, dir);
+}
+
+int setKeys(const std::vector<std::pair<std::string, std::string>>& values,
+            std::vector<int>* errors) {
+    std::vector<int> results(values.size(), 0);
+    std::vector<std::pair<std::size_t, std::string>> written;  // index and temporary file
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        const auto& [key, value] = values[i];
+        if (!is_valid_key(key)) {
+            results[i] = EINVAL;
+            continue;
+        }
+        const std::string dir = key_dir(key);
+        if (is_stored(dir, value))
+            continue;
+        std::string temp = make_dirs(dir) ? write_temp(dir, value, false) : std::string();
+        if (temp.empty())
+            results[i] = errno;
+        else
+            written.emplace_back(i, std::move(temp));
+    }
+    // One flush for them all, before any rename.
+    const nk::io::unique_fd root_fd(::open(root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const int flushed = !written.empty() && (!root_fd || ::syncfs(root_fd.get()) != 0) ? errno : 0;
+    for (const auto& [i, temp] : written) {
+        const std::string dir = key_dir(values[i].first);
+        if (flushed != 0) {
+            ::unlink(temp.c_str());
+            results[i] = flushed;
+        } else if (publish(temp, dir) < 0) {
+            results[i] = nkerrno;
+        }
+    }
+    const auto failed = std::find_if(results.begin(), results.end(), [](int e) { return e != 0; });
+    const int first = failed == results.end() ? 0 : *failed;
+    if (errors)
+        *errors = std::move(results);
+    return first == 0 ? 0 : fail(first);
 }
 
 // The key is first renamed to a hidden name next to it, so it vanishes at once for readers
@@ -314,9 +382,7 @@ int lockKey(const std::string& key) {
     const std::string file = lock_file(key);
     if (add_hold_if_held(file))
         return 0;
-    if (!make_dirs(root() + "/" + kLocksDir))
-        return fail(errno);
-    nk::io::unique_fd fd(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode));
+    nk::io::unique_fd fd = open_lock_file(file);
     if (!fd)
         return fail(errno);
     return wait_for_lock(file, std::move(fd));
@@ -358,9 +424,7 @@ int claim(const std::string& owner, long& holder) {
     const std::string file = root() + "/" + kLocksDir + "/" + owner + kClaimSuffix;
     if (claims.count(file) != 0)
         return 0;
-    if (!make_dirs(root() + "/" + kLocksDir))
-        return fail(errno);
-    nk::io::unique_fd fd(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode));
+    nk::io::unique_fd fd = open_lock_file(file);
     if (!fd)
         return fail(errno);
     if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {

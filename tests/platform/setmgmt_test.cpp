@@ -87,6 +87,22 @@ TEST_F(SetMgmtTest, AValueStoredAlreadyIsNotWrittenAgain) {
     }
 }
 
+TEST_F(SetMgmtTest, ManyKeysAtOnceReportEachFailureAndSetTheRest) {
+    ASSERT_EQ(sm::setKey("/d/kept", "1"), 0);
+    std::ofstream(root_ + "/file") << "not a directory";
+    std::vector<int> errors;
+    EXPECT_LT(sm::setKeys({{"/d/new", "1"}, {"/d/kept", "1"}, {"/bad/", "1"}, {"/file/k", "1"},
+                           {"/d/kept", "0"}},
+                          &errors),
+              0);
+    EXPECT_EQ(nkerrno, EINVAL);  // the first failure
+    EXPECT_EQ(errors, (std::vector<int>{0, 0, EINVAL, ENOTDIR, 0}));
+    EXPECT_EQ(sm::getKeyValue("/d/new", ""), "1");
+    EXPECT_EQ(sm::getKeyValue("/d/kept", ""), "0");
+    EXPECT_EQ(entries(root_ + "/d/kept"), Names{".value"});
+    EXPECT_EQ(sm::setKeys({}), 0);
+}
+
 TEST_F(SetMgmtTest, LeftoversOfInterruptedWritesGoOnceOld) {
     ASSERT_EQ(sm::setKey("/a/b", "v"), 0);
     ASSERT_EQ(sm::lockKey("/a"), 0);

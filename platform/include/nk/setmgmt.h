@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -53,6 +54,11 @@ std::string root();
 
 int getKey(const std::string& key, std::string& out);
 int setKey(const std::string& key, std::string_view value);
+// Sets many keys with one flush to disk for them all rather than one each: a crash still leaves
+// every key with its old or its new value. 0, or negative with nkerrno the first failure;
+// `errors` (when given) gets 0 or the error of each key, in order.
+int setKeys(const std::vector<std::pair<std::string, std::string>>& values,
+            std::vector<int>* errors = nullptr);
 // Removes the key and everything below it. The root key cannot be deleted (EINVAL).
 int deleteKey(const std::string& key);
 // Names of the child keys, sorted; their number, or negative when the key is absent.
