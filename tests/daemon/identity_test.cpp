@@ -10,10 +10,14 @@
 #include <utility>
 #include <vector>
 
+#include <nk/devmgmt.h>
+#include <nk/json.h>
 #include <nk/log.h>
+#include <nk/setmgmt.h>
 
 #include "globals.h"
 #include "stderr_capture.h"
+#include "storage_helpers.h"
 #include "temp_dir.h"
 #include "test_broker.h"
 #include "utils.h"
@@ -117,12 +121,34 @@ TEST_F(IdentityTest, NumberingRestartsPastTheMaximumAndListenersAreTold) {
     EXPECT_EQ(get_device_id(nth_mac(1)), temporary_id(2)) << "old ids were forgotten";
 }
 
-TEST_F(IdentityTest, PermanentIdIsAnnouncedWithTheTemporaryOne) {
-    send_permanent_device_id_message(temporary_id(3).c_str(), "cloud-9");
+// Whoever hears that a temporary id became a cloud id must find that device stored.
+TEST_F(IdentityTest, AConfirmedMacIsAnnouncedOnlyOnceItsDeviceIsStoredAndUnlocked) {
+    nk::test::ScopedEnv settings("NK_SETTINGS_DIR", dir_ / "settings");
+    nk::test::ScopedEnv table("NK_DEVMGMT_DIR", dir_ / "devmgmt");
+    ASSERT_EQ(nk::setMgmt::init(), 0);
+    const macaddr mac = nth_mac(5);
+    const std::string temporary = get_device_id(mac);
+    Device device;
+    device.cloud.device_id = "cloud-9";
+    const nk::json_ptr macs(json_pack("[s]", mac.to_string().c_str()));
+
+    ASSERT_TRUE(device.lock_device_key());
+    ASSERT_TRUE(device.update_macs_from_cloud(macs.get()));
+    // Events of one sender arrive in order: once this one is in, an earlier one would be too.
+    send_clear_device_id_cache_message();
+    ASSERT_TRUE(
+        nk::test::wait_until([&] { return inbox_.find("clear_device_id_cache").has_value(); }));
+    EXPECT_FALSE(inbox_.find("permanent_device_id"));
+    EXPECT_TRUE(load_device_from_storage("cloud-9"));
+
+    device.unlock_device_key();
     ASSERT_TRUE(
         nk::test::wait_until([&] { return inbox_.find("permanent_device_id").has_value(); }));
     EXPECT_EQ(inbox_.find("permanent_device_id")->second,
-              R"({"temp_device_id": ")" + temporary_id(3) + R"(", "cloud_device_id": "cloud-9"})");
+              R"({"temp_device_id": ")" + temporary + R"(", "cloud_device_id": "cloud-9"})");
+    EXPECT_EQ(g_temporary_device_ids.count(mac_key(mac)), 0u);
+    nk::devMgmt::close_table();
+    nk::setMgmt::uninit();
 }
 
 TEST_F(IdentityTest, RequesterReceivesDeviceIdThenMac) {
