@@ -91,10 +91,11 @@ TEST_F(SetMgmtTest, ManyKeysAtOnceReportEachFailureAndSetTheRest) {
     ASSERT_EQ(sm::setKey("/d/kept", "1"), 0);
     std::ofstream(root_ + "/file") << "not a directory";
     std::vector<int> errors;
-    EXPECT_LT(sm::setKeys({{"/d/new", "1"}, {"/d/kept", "1"}, {"/bad/", "1"}, {"/file/k", "1"},
-                           {"/d/kept", "0"}},
-                          &errors),
-              0);
+    EXPECT_LT(
+        sm::setKeys(
+            {{"/d/new", "1"}, {"/d/kept", "1"}, {"/bad/", "1"}, {"/file/k", "1"}, {"/d/kept", "0"}},
+            &errors),
+        0);
     EXPECT_EQ(nkerrno, EINVAL);  // the first failure
     EXPECT_EQ(errors, (std::vector<int>{0, 0, EINVAL, ENOTDIR, 0}));
     EXPECT_EQ(sm::getKeyValue("/d/new", ""), "1");
