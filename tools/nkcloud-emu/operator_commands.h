@@ -14,7 +14,7 @@ namespace nkemu {
 enum OperatorExit : int {
     kExitOk = 0,
     kExitRefused = 1,  // no such device, MAC already known, the BOX itself
-    kExitUsage = 64,  // EX_USAGE
+    kExitUsage = 64,   // EX_USAGE
     kExitFailure = 3,  // database or bus failure
 };
 
