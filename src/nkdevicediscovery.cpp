@@ -32,6 +32,7 @@
 #include "network_info.h"
 #include "nkex_callbacks.h"
 #include "onbox_guardian.h"
+#include "service_info.h"
 #include "storage_helpers.h"
 #include "subprocess_messages.h"
 #include "utils.h"
