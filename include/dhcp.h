@@ -20,6 +20,19 @@ struct DhcpFingerprint {
     friend bool operator!=(const DhcpFingerprint& a, const DhcpFingerprint& b) { return !(a == b); }
 };
 
+// Appends a code in decimal, the form option lists are kept in; cheaper than a formatter on
+// every requested option of every packet.
+inline void append_decimal(std::string& out, unsigned value) {
+    char digits[10];
+    int n = 0;
+    do {
+        digits[n++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    while (n > 0)
+        out.push_back(digits[--n]);
+}
+
 struct DhcpResult {
     DhcpFingerprint fingerprint;
     std::string hostname;

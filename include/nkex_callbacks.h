@@ -5,6 +5,8 @@
 #include <array>
 #include <string_view>
 
+#include <jansson.h>
+
 #include <nk/nkex.h>
 
 using nkex_handler_t = void (*)(const Message* message);
@@ -17,6 +19,8 @@ struct NkexRoute {
 void handle_event_sifter_user_agent(const Message* message);
 void handle_event_sifter_dhcp_payload(const Message* message);
 void handle_event_device_inventory(const Message* message);
+// The "device_info_changed" step of the inventory handler: `params` is its "event_params".
+void handle_device_info_changed(const json_t* params);
 void handle_event_request_device_id(const Message* message);
 void handle_event_device_not_found(const Message* message);
 
