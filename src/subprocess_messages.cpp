@@ -1,5 +1,6 @@
 #include "subprocess_messages.h"
 
+#include <nk/json.h>
 #include <nk/log.h>
 #include <nk/util.h>
 
@@ -42,14 +43,44 @@ void restart_subprocess() {
     g_subprocess->restart();
 }
 
-// The collector's messages update the inventory, which arrives later; they are only traced.
+namespace {
+
+void process_message(const std::string& type, const json_t* data) {
+    if (type == "leases") {
+        if (json_is_array(json_object_get(data, "leases")))
+            process_leases(data);
+        return;
+    }
+    // Service reports feed only the forwarding of additional information.
+    if (!g_feature_additional_info)
+        return;
+    if (type == "avahi")
+        process_avahi_data(data);
+    else if (type == "upnp")
+        process_upnp_data(data);
+    else if (type == "netbios")
+        process_netbios_data(data);
+}
+
+}  // namespace
+
 void process_subprocess_messages(const std::vector<std::string>& lines) {
     NK_LOG(nk::log::TRACE, "Got {:d} messages", lines.size());
     for (const std::string& line : lines) {
         NK_LOG(nk::log::TRACE, "Message: {:s}", line);
+        const nk::json_ptr message(json_loads(line.c_str(), 0, nullptr));
+        const char* type = nk::json_string_member(message.get(), "type");
+        const json_t* data = json_object_get(message.get(), "data");
+        if (type == nullptr || !json_is_object(data))
+            continue;
+        process_message(type, data);
     }
 }
 
 bool leases_received() {
     return g_leases_received;
+}
+
+void set_leases_received(bool received) {
+    g_leases_received = received;
 }

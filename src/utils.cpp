@@ -1,6 +1,7 @@
 #include "utils.h"
 
 #include <cctype>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <mutex>
@@ -149,6 +150,9 @@ std::unordered_set<std::string> discovery_ignored_macs() {
     }
     std::vector<std::string> subkeys;
     if (nk::setMgmt::enumSubkeys(key, subkeys) < 0) {
+        // No list at all is the usual case, not a fault: nothing is ignored.
+        if (nkerrno == ENOENT)
+            return {};
         NK_LOG(nk::log::ERROR, "nk::setMgmt::enumSubkeys failed (key = {}): {}", key,
                nk::errno_text(nkerrno));
         return {};

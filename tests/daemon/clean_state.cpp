@@ -6,6 +6,7 @@
 
 #include "globals.h"
 #include "network_info.h"
+#include "subprocess_messages.h"
 #include "utils.h"
 
 namespace {
@@ -32,6 +33,7 @@ void reset_daemon_state() {
     forget_temporary_device_ids();
     g_device_id.clear();
     g_now = 0;
+    set_leases_received(false);
     {
         const std::lock_guard lock(g_interfaces_mutex);
         g_interfaces.clear();
