@@ -334,4 +334,54 @@ TEST_F(CloudEmuTest, FaultsShapeAnswersUntilUsedUp) {
     EXPECT_EQ(left, "");
 }
 
+TEST_F(CloudEmuTest, AdditionalInfoIsStoredPerDeviceAndKindAndShown) {
+    const std::string id = connect("a4:5e:60:c2:1f:0b", "laptop");
+    const std::string dest = R"("connect_destination": {"device_id": ")" + id + R"("})";
+    const auto fingerprint = [&](const char* type, const char* list) {
+        return request("set_device_additional_info",
+                       fmt::format(R"({{"type": "{}", {}, "data": {{"option_list": "{}", )"
+                                   R"("vendor_class": "MSFT 5.0"}}}})",
+                                   type, dest, list));
+    };
+    const auto user_agent = [&](const char* ua) {
+        return request("set_device_type", fmt::format(R"({{{}, "user_agent": "{}"}})", dest, ua));
+    };
+    EXPECT_EQ(int_at(fingerprint("fingerprint", "1 3"), {"result", "status"}), 0);
+    EXPECT_EQ(int_at(fingerprint("fingerprint", "1 3 6"), {"result", "status"}), 0);  // replaces
+    EXPECT_EQ(int_at(fingerprint("fingerprintv6", "23 24"), {"result", "status"}), 0);
+    EXPECT_STREQ(text_at(user_agent("Mozilla/5.0 (X11)"), {"result", "status"}), "ok");
+    EXPECT_STREQ(text_at(user_agent("curl/7.88.1"), {"result", "status"}), "ok");
+    EXPECT_STREQ(text_at(user_agent("Mozilla/5.0 (X11)"), {"result", "status"}), "ok");
+
+    // Faults on these commands: nothing is stored.
+    for (const auto& [spec, status] : std::vector<std::pair<std::string, std::string>>{
+             {"status=3", "3"}, {"error=503", "0"}, {"drop", ""}}) {
+        ASSERT_EQ(emu("fault add " + spec + ",command=set_device_type,count=1"), 0);
+        EXPECT_EQ(user_agent("dropped/1.0").status, status) << spec;
+    }
+
+    std::string out;
+    ASSERT_EQ(emu("show " + id + " --json", &out), 0);
+    const nk::json_ptr shown(json_loads(out.c_str(), 0, nullptr));
+    EXPECT_EQ(nk::json_dump_compact(json_object_get_recursive(
+                  shown.get(), {"additional_info", "fingerprint", "data"})),
+              R"({"option_list":"1 3 6","vendor_class":"MSFT 5.0"})");
+    EXPECT_NE(json_object_get_recursive(shown.get(), {"additional_info", "fingerprintv6"}),
+              nullptr);
+    std::vector<std::string> agents;
+    size_t i = 0;
+    const json_t* ua = nullptr;
+    json_array_foreach(json_object_get(shown.get(), "user_agents"), i, ua) {
+        agents.emplace_back(nk::json_string_member(ua, "user_agent"));
+    }
+    EXPECT_EQ(agents, (std::vector<std::string>{"Mozilla/5.0 (X11)", "curl/7.88.1"}));
+
+    out.clear();
+    ASSERT_EQ(emu("show " + id, &out), 0);
+    EXPECT_NE(out.find("fingerprint (DHCPv4)"), std::string::npos) << out;
+    EXPECT_NE(out.find("  option_list        1 3 6\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("user agents (2)"), std::string::npos) << out;
+    EXPECT_EQ(emu("show no-such-device"), 1);
+}
+
 }  // namespace

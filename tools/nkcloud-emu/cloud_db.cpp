@@ -269,9 +269,37 @@ bool CloudDb::store_additional_info(const std::string& id, const std::string& ty
 bool CloudDb::store_user_agent(const std::string& id, const std::string& user_agent,
                                std::int64_t now) {
     Statement stmt(db_.get(),
-                   "INSERT OR REPLACE INTO user_agents (device_id, user_agent, updated) "
-                   "VALUES (?1, ?2, ?3)");
+                   "INSERT INTO user_agents (device_id, user_agent, updated) VALUES (?1, ?2, ?3) "
+                   "ON CONFLICT (device_id, user_agent) DO UPDATE SET updated = excluded.updated");
     return stmt.bind(1, id).bind(2, user_agent).bind(3, now).run();
+}
+
+namespace {
+
+bool read_infos(Statement& stmt, std::vector<StoredInfo>& out) {
+    out.clear();
+    int rc = SQLITE_ERROR;
+    while ((rc = stmt.step()) == SQLITE_ROW)
+        out.push_back({stmt.text(0), stmt.text(1), stmt.integer(2)});
+    return rc == SQLITE_DONE;
+}
+
+}  // namespace
+
+bool CloudDb::additional_info(const std::string& id, std::vector<StoredInfo>& out) {
+    Statement stmt(db_.get(),
+                   "SELECT type, data, updated FROM additional_info WHERE device_id = ?1 "
+                   "ORDER BY type");
+    stmt.bind(1, id);
+    return read_infos(stmt, out);
+}
+
+bool CloudDb::user_agents(const std::string& id, std::vector<StoredInfo>& out) {
+    Statement stmt(db_.get(),
+                   "SELECT user_agent, '', updated FROM user_agents WHERE device_id = ?1 "
+                   "ORDER BY rowid");
+    stmt.bind(1, id);
+    return read_infos(stmt, out);
 }
 
 bool CloudDb::add_fault(Fault& fault) {

@@ -15,6 +15,13 @@
 
 namespace nkemu {
 
+// What a BOX reported about a device: one kind of additional info, or one user agent.
+struct StoredInfo {
+    std::string type;  // "fingerprint", "avahi", ...; for a user agent, the user agent
+    std::string data;  // compact JSON; empty for a user agent
+    std::int64_t updated = 0;
+};
+
 class CloudDb {
 public:
     // Opens or creates the database and its schema; empty on failure (logged).
@@ -53,6 +60,9 @@ public:
     bool store_additional_info(const std::string& id, const std::string& type,
                                const std::string& data, std::int64_t now);
     bool store_user_agent(const std::string& id, const std::string& user_agent, std::int64_t now);
+    // By type, and user agents by first report.
+    bool additional_info(const std::string& id, std::vector<StoredInfo>& out);
+    bool user_agents(const std::string& id, std::vector<StoredInfo>& out);
 
     bool add_fault(Fault& fault);  // sets its id
     bool list_faults(std::vector<Fault>& out);

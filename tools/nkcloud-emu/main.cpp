@@ -25,7 +25,7 @@ constexpr const char* kProgram = "nkcloud-emu";
 constexpr const char* kDbEnv = "NK_CLOUD_DB";
 constexpr const char* kDbDefault = "nkcloud.db";
 
-constexpr const char* kSynopsis = "[options] [--db FILE] COMMAND [ARGS]";
+constexpr const char* kSynopsis = "[options] [--db FILE] [--json] COMMAND [ARGS]";
 
 constexpr const char* kCommands =
     "\n"
@@ -35,9 +35,12 @@ constexpr const char* kCommands =
     "  remove ID                removes a device\n"
     "  rename ID NAME           sets a device's friendly name\n"
     "  list                     every device, one JSON object a line\n"
+    "  show ID                  a device with the fingerprints, user agents and service\n"
+    "                           info its BOX reported\n"
     "  fault add SPEC           a fault for the running server; prints its id\n"
     "  fault list | fault clear\n"
     "add, remove and rename publish the matching devmgmt:device_inventory event.\n"
+    "--json (before the command, or last) makes show print one JSON object.\n"
     "\n"
     "SPEC: KIND[=VALUE][,command=NAME][,count=N][,text=TEXT]\n"
     "  delay=MS  answer late      status=N  bus status N (default 3), no data\n"
@@ -56,6 +59,7 @@ struct CommandLine {
     std::string db;
     std::vector<std::string> command;
     bool help = false;
+    bool json = false;
     std::string error;  // what is wrong with the options, when something is
 };
 
@@ -98,6 +102,8 @@ CommandLine parse(int argc, char** argv) {
         }
         if (arg == "-h" || arg == "--help") {
             line.help = true;
+        } else if (arg == "--json") {
+            line.json = true;
         } else if (arg == "--db") {
             if (value.empty()) {
                 line.error = "--db needs a non-empty value";
@@ -147,7 +153,7 @@ std::optional<std::vector<nkemu::Fault>> parse_serve_options(const std::vector<s
 }
 
 bool is_command(const std::string& word) {
-    for (const char* known : {"serve", "add", "remove", "rename", "list", "fault"}) {
+    for (const char* known : {"serve", "add", "remove", "rename", "list", "show", "fault"}) {
         if (word == known)
             return true;
     }
@@ -163,7 +169,10 @@ int run(nk::daemon::Instance& frame, const CommandLine& line) {
         std::optional<nkemu::CloudDb> db = nkemu::CloudDb::open(file);
         if (!db)
             return nkemu::kExitFailure;
-        const std::optional<int> status = nkemu::run_operator_command(*db, line.command);
+        std::vector<std::string> command = line.command;
+        if (line.json && command.back() != "--json")
+            command.push_back("--json");
+        const std::optional<int> status = nkemu::run_operator_command(*db, command);
         if (!status)
             return usage_error("wrong arguments for '" + line.command[0] + "'");
         // A bad MAC or fault spec has been named already.

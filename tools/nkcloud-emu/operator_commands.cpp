@@ -6,6 +6,7 @@
 #include <ctime>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -130,6 +131,100 @@ int list(CloudDb& db) {
     return std::fflush(stdout) == 0 ? kExitOk : kExitFailure;
 }
 
+std::string utc(std::int64_t seconds) {
+    const std::time_t t = static_cast<std::time_t>(seconds);
+    std::tm tm{};
+    char text[32] = "";
+    if (::gmtime_r(&t, &tm))
+        std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S UTC", &tm);
+    return text;
+}
+
+std::string field_text(const CloudDevice& device, const char* name) {
+    const json_t* value = json_object_get(device.fields.get(), name);
+    if (json_is_string(value))
+        return json_string_value(value);
+    return value ? nk::json_dump_compact(value) : "";
+}
+
+// The kinds of additional info a person reads: fingerprints by their two fields, the rest as
+// the JSON the BOX sent.
+void print_info(const StoredInfo& info) {
+    const nk::json_ptr data(json_loads(info.data.c_str(), 0, nullptr));
+    const char* version = info.type == "fingerprint"     ? " (DHCPv4)"
+                          : info.type == "fingerprintv6" ? " (DHCPv6)"
+                                                         : "";
+    fmt::print("{}{}, {}\n", info.type, version, utc(info.updated));
+    const char* option_list = nk::json_string_member(data.get(), "option_list");
+    const char* vendor_class = nk::json_string_member(data.get(), "vendor_class");
+    if (*version && option_list && vendor_class) {
+        fmt::print("  {:<18} {}\n  {:<18} {}\n", "option_list", option_list, "vendor_class",
+                   vendor_class);
+    } else {
+        fmt::print("  {}\n", info.data);
+    }
+}
+
+void print_device(const CloudDevice& device, const std::vector<StoredInfo>& infos,
+                  const std::vector<StoredInfo>& user_agents) {
+    fmt::print("device {}{}\n", device.id, device.is_box ? " (the BOX)" : "");
+    fmt::print("  {:<18} {}\n", "name", field_text(device, "display_name"));
+    if (!device.mac.empty())
+        fmt::print("  {:<18} {}\n", "mac", device.mac);
+    fmt::print("  {:<18} {}\n", "created", utc(device.created));
+    for (const char* name : {"device_type", "box_detected_name", "box_device_id", "onbox", "ip"}) {
+        const std::string value = field_text(device, name);
+        if (!value.empty())
+            fmt::print("  {:<18} {}\n", name, value);
+    }
+    for (const StoredInfo& info : infos)
+        print_info(info);
+    fmt::print("user agents ({})\n", user_agents.size());
+    for (const StoredInfo& ua : user_agents)
+        fmt::print("  {}  {}\n", utc(ua.updated), ua.type);
+}
+
+// {"device": {...}, "additional_info": {TYPE: {"data": ..., "updated": N}},
+//  "user_agents": [{"user_agent": ..., "updated": N}]}
+nk::json_ptr device_json(const CloudDevice& device, const std::vector<StoredInfo>& infos,
+                         const std::vector<StoredInfo>& user_agents) {
+    json_t* by_type = json_object();
+    for (const StoredInfo& info : infos) {
+        json_t* data = json_loads(info.data.c_str(), 0, nullptr);
+        json_object_set_new(by_type, info.type.c_str(),
+                            json_pack("{s:o*, s:I}", "data", data, "updated",
+                                      static_cast<json_int_t>(info.updated)));
+    }
+    json_t* agents = json_array();
+    for (const StoredInfo& ua : user_agents) {
+        json_array_append_new(agents, json_pack("{s:s, s:I}", "user_agent", ua.type.c_str(),
+                                                "updated", static_cast<json_int_t>(ua.updated)));
+    }
+    return nk::json_ptr(json_pack("{s:O, s:o, s:o}", "device", device.fields.get(),
+                                  "additional_info", by_type, "user_agents", agents));
+}
+
+int show(CloudDb& db, const std::string& id, bool json) {
+    std::optional<CloudDevice> device;
+    std::vector<StoredInfo> infos;
+    std::vector<StoredInfo> user_agents;
+    if (!db.find_by_id(id, device))
+        return storage_failure();
+    if (!device)
+        return fail(kExitRefused, "no device " + id);
+    if (!db.additional_info(id, infos) || !db.user_agents(id, user_agents))
+        return storage_failure();
+    if (json) {
+        const nk::json_ptr out = device_json(*device, infos, user_agents);
+        if (!out)
+            return fail(kExitFailure, "out of memory");
+        fmt::print("{}\n", nk::json_dump_compact(out.get()));
+    } else {
+        print_device(*device, infos, user_agents);
+    }
+    return std::fflush(stdout) == 0 ? kExitOk : kExitFailure;
+}
+
 std::optional<int> fault(CloudDb& db, const std::vector<std::string>& args) {
     if (args.size() == 3 && args[1] == "add") {
         std::string why;
@@ -157,16 +252,22 @@ std::optional<int> fault(CloudDb& db, const std::vector<std::string>& args) {
 }  // namespace
 
 std::optional<int> run_operator_command(CloudDb& db, const std::vector<std::string>& args) {
-    const std::size_t n = args.size();
+    // --json may follow the command's own arguments.
+    const bool json = args.size() > 1 && args.back() == "--json";
+    const std::size_t n = args.size() - (json ? 1 : 0);
     const std::string command = n > 0 ? args[0] : "";
+    if (command == "show" && n == 2)
+        return show(db, args[1], json);
+    if (command == "list" && n == 1)
+        return list(db);
+    if (json)
+        return std::nullopt;
     if (command == "add" && (n == 2 || n == 3))
         return add(db, args[1], n == 3 ? args[2] : "");
     if (command == "remove" && n == 2)
         return remove(db, args[1]);
     if (command == "rename" && n == 3)
         return rename(db, args[1], args[2]);
-    if (command == "list" && n == 1)
-        return list(db);
     if (command == "fault")
         return fault(db, args);
     return std::nullopt;
