@@ -92,13 +92,3 @@ extern int g_nkleases_mode;
 bool init_globals();
 bool uninit_globals();
 void handle_feature_change(int feature);
-
-namespace nk::leases {
-
-// Where lease files live on the supported routers; read by the collector, never by the daemon.
-inline constexpr std::string_view kLeaseDirs[] = {"/nvram", "/tmp", "/var/etc", "/var/run"};
-inline constexpr std::string_view kLeaseFiles[] = {
-    "dhcp.leases", "dhcpd.leases",  "dnsmasq.leases", "dnsmasq_dhcps.leases",
-    "leasefile",   "udhcpd.leases", "udhcpd_clients"};
-
-}  // namespace nk::leases

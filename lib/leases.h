@@ -4,6 +4,7 @@
 #include <jansson.h>
 
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include <nk/json.h>
@@ -23,6 +24,12 @@ inline constexpr log_channel g_log{};
 
 // The host name a lease without one gets.
 inline constexpr const char* kNoHost = "*";
+
+// Where lease files live on the supported routers; read by the collector, never by the daemon.
+inline constexpr std::string_view kLeaseDirs[] = {"/nvram", "/tmp", "/var/etc", "/var/run"};
+inline constexpr std::string_view kLeaseFiles[] = {
+    "dhcp.leases", "dhcpd.leases",  "dnsmasq.leases", "dnsmasq_dhcps.leases",
+    "leasefile",   "udhcpd.leases", "udhcpd_clients"};
 
 // MAC <-> addresses of the leases, with the interface and host name of each leased MAC.
 // A MAC has an interface or host entry only while the base map knows it.

@@ -1,0 +1,65 @@
+// The collector's loop: a "leases" snapshot at start, on every change of the leases or the
+// neighbour table (at most one a second) and at least every minute.
+#pragma once
+
+#include <chrono>
+#include <optional>
+
+#include "client_history.h"
+#include "lease_sources.h"
+#include "neighbours.h"
+#include "snapshot.h"
+
+namespace nk::collector {
+
+enum class Mode {
+    Internal,  // the BOX's own DHCP server: its lease files
+    External,  // another DHCP server on the LAN: the neighbour table
+};
+
+using Clock = std::chrono::steady_clock;
+
+struct Timing {
+    std::chrono::milliseconds settle{200};     // quiet time after a change before reading
+    std::chrono::milliseconds min_gap{1000};   // least time between two snapshots
+    std::chrono::milliseconds refresh{60000};  // most time between two snapshots
+};
+
+class Collector {
+public:
+    Collector(Mode mode, int out_fd, Timing timing = {})
+        : mode_(mode), out_(out_fd), timing_(timing) {}
+
+    // Until SIGTERM, SIGINT or SIGHUP, or until the output is closed: 0. 1 when it cannot
+    // start.
+    int run();
+    // One snapshot written, then 0; 1 when it could not be made or written.
+    int run_once();
+
+private:
+    bool start();
+    Snapshot build(bool& torn);
+    // Writes the snapshot when `force` or when it changed; false once the output is gone.
+    bool send(bool force);
+    void changed(Clock::time_point now);
+    int wait_ms(Clock::time_point now) const;
+    void log_skipped(const Snapshot& snapshot);
+
+    Mode mode_;
+    int out_;
+    Timing timing_;
+    LeaseSources sources_;
+    std::optional<NeighbourMonitor> monitor_;
+    ClientHistory history_;
+
+    std::optional<Snapshot> last_;
+    std::vector<std::string> last_skipped_;
+    Clock::time_point last_sent_{};
+    Clock::time_point refresh_at_{};
+    std::optional<Clock::time_point> first_change_;  // set while a change waits
+    Clock::time_point send_at_{};
+    int torn_reads_ = 0;
+    bool force_pending_ = false;  // a torn read held back a snapshot that must go out
+};
+
+}  // namespace nk::collector
