@@ -1,0 +1,204 @@
+// Discovery end to end on a simulated LAN of this test's own (scripts/lan in network
+// namespaces): real dnsmasq, real DHCP clients, the real collector started by the real daemon,
+// the cloud emulator, a private broker. Needs root.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <map>
+#include <sstream>
+#include <string>
+
+#include <nk/devmgmt.h>
+#include <nk/json.h>
+
+#include "daemon_process.h"
+#include "temp_dir.h"
+#include "test_broker.h"
+#include "wait.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using nk::sockutl::address;
+using nk::sockutl::macaddr;
+
+struct Client {
+    std::string name;
+    bool guest;
+    const char* net4;  // the bridge's subnet, as a prefix of the address text
+    const char* net6;
+};
+
+// The clients `scripts/lan up` makes.
+const Client kClients[] = {{"laptop", false, "198.51.100.", "2001:db8:1:"},
+                           {"camera", false, "198.51.100.", "2001:db8:1:"},
+                           {"phone", false, "198.51.100.", "2001:db8:1:"},
+                           {"visitor", true, "192.0.2.", "2001:db8:2:"}};
+
+bool starts_with(const std::string& s, const char* prefix) {
+    return s.rfind(prefix, 0) == 0;
+}
+
+class SimulatedLanTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0)
+            GTEST_SKIP() << "the simulated LAN needs root (network namespaces)";
+        for (const char* tool : {"dnsmasq", "dhclient", "udhcpc", "dhcpcd", "busybox"}) {
+            if (nk::test::run_command(std::string("command -v ") + tool + " >/dev/null") != 0)
+                GTEST_SKIP() << tool << " is not installed (scripts/deps installs it)";
+        }
+        ASSERT_EQ(::mkdir(settings_.c_str(), 0755), 0);
+        ASSERT_TRUE(broker_.start());
+        ASSERT_EQ(lan("up"), 0);
+        lan_up_ = true;
+        box_ = lan_output("ns box");
+        ASSERT_FALSE(box_.empty());
+        for (const char* setting :
+             {"/network/interfaces/roles/wan0 wan", "/network/interfaces/roles/br-lan lan",
+              "/network/interfaces/roles/br-guest guest"}) {
+            ASSERT_EQ(nkset(std::string("set ") + setting), 0);
+        }
+        ASSERT_EQ(nkset("set /network/dhcp/lease_files " + lan_dir_ + "/dnsmasq.leases"), 0);
+        ASSERT_TRUE(cloud_.start({NK_CLOUD_EMU_BIN, "-f", "--settings", settings_, "--broker",
+                                  broker_.address(), "--db", db_, "serve"}));
+        ASSERT_TRUE(cloud_.wait_for_line("cloud ready"));
+        ASSERT_TRUE(daemon_.start({"/usr/sbin/ip", "netns", "exec", box_, NK_DAEMON_BIN, "-f",
+                                   "--settings", settings_, "--devmgmt", devmgmt_, "--broker",
+                                   broker_.address(), "--log-level", "4"}));
+    }
+
+    void TearDown() override {
+        daemon_.stop(SIGTERM);
+        cloud_.stop(SIGTERM);
+        nk::devMgmt::close_table();
+        if (!lan_up_)
+            return;
+        const std::string prefix = box_.substr(0, box_.rfind('-'));
+        EXPECT_EQ(lan("down"), 0);
+        std::string left;
+        nk::test::run_command("ip netns list | grep -c '^" + prefix + "-' || true", &left);
+        EXPECT_EQ(left, "0\n") << "namespaces left behind";
+    }
+
+    int lan(const std::string& command) {
+        return nk::test::run_command(std::string(NK_LAN_SCRIPT) + " --dir " + lan_dir_ + " " +
+                                     command + " >/dev/null");
+    }
+    std::string lan_output(const std::string& command) {
+        std::string out;
+        nk::test::run_command(std::string(NK_LAN_SCRIPT) + " --dir " + lan_dir_ + " " + command,
+                              &out);
+        return out.substr(0, out.find('\n'));
+    }
+    std::string client_mac(const std::string& name) {
+        std::string mac;
+        nk::test::run_command("cat " + lan_dir_ + "/clients/" + name + "/mac", &mac);
+        return mac.substr(0, mac.find('\n'));
+    }
+    int nkset(const std::string& command) {
+        return nk::test::run_command(std::string(NK_NKSET_BIN) + " --settings " + settings_ + " " +
+                                     command);
+    }
+
+    // The device table's record that lists the MAC, if any.
+    static std::optional<nk::devMgmt::Device> record_of(const macaddr& mac) {
+        for (nk::devMgmt::Device& record : nk::devMgmt::Device::list()) {
+            if (record.macips.count(mac) != 0)
+                return record;
+        }
+        return std::nullopt;
+    }
+
+    // Stored with its host name, guest flag, an IPv4 address and a global IPv6 one of its LAN.
+    static bool discovered(const Client& c, const macaddr& mac) {
+        const std::optional<nk::devMgmt::Device> record = record_of(mac);
+        if (!record || record->box_detected_name != c.name || record->onguest != c.guest)
+            return false;
+        bool v4 = false;
+        bool v6 = false;
+        for (const address& ip : record->macips.at(mac)) {
+            v4 = v4 || (ip.is_v4() && starts_with(ip.to_string(), c.net4));
+            v6 = v6 || (ip.is_v6() && starts_with(ip.to_string(), c.net6));
+        }
+        return v4 && v6;
+    }
+
+    nk::test::TempDir dir_;
+    std::string settings_ = dir_ / "settings";
+    std::string devmgmt_ = dir_ / "devmgmt";
+    std::string db_ = dir_ / "cloud.db";
+    std::string lan_dir_ = dir_ / "lan";
+    nk::test::ScopedEnv devmgmt_env_{"NK_DEVMGMT_DIR", devmgmt_};
+    nk::test::ScopedEnv settings_env_{"NK_SETTINGS_DIR", settings_};
+    nk::test::TestBroker broker_{dir_.path()};
+    nk::test::DaemonProcess cloud_;
+    nk::test::DaemonProcess daemon_;
+    bool lan_up_ = false;
+    std::string box_;
+};
+
+TEST_F(SimulatedLanTest, EveryClientIsDiscoveredFollowedAndKeptWhenItRotatesItsMac) {
+    std::map<std::string, macaddr> macs;
+    for (const Client& c : kClients)
+        macs[c.name] = macaddr(client_mac(c.name));
+    for (const Client& c : kClients) {
+        EXPECT_TRUE(nk::test::wait_until([&] { return discovered(c, macs[c.name]); }, 60s))
+            << c.name;
+    }
+
+    // The cloud has each under its host name, with its guest flag and its addresses.
+    std::string listed;
+    ASSERT_EQ(
+        nk::test::run_command(std::string(NK_CLOUD_EMU_BIN) + " --db " + db_ + " list", &listed),
+        0);
+    std::istringstream lines(listed);
+    std::map<std::string, const json_t*> by_name;
+    std::vector<nk::json_ptr> devices;
+    for (std::string line; std::getline(lines, line);) {
+        devices.emplace_back(json_loads(line.c_str(), 0, nullptr));
+        by_name[nk::json_string_member(devices.back().get(), "box_detected_name")] =
+            devices.back().get();
+    }
+    for (const Client& c : kClients) {
+        ASSERT_EQ(by_name.count(c.name), 1u) << c.name;
+        EXPECT_EQ(json_integer_value(json_object_get(by_name[c.name], "network")), c.guest);
+        const json_t* ips = nk::json_object_get_recursive(
+            by_name[c.name], {"ip_list", macs[c.name].to_string().c_str(), "ipv4"});
+        EXPECT_EQ(json_array_size(ips), 1u) << c.name;
+    }
+
+    // A phone that takes a random MAC stays the device it was.
+    ASSERT_EQ(lan("rotate phone"), 0);
+    const std::string fake = client_mac("phone");
+    ASSERT_TRUE(daemon_.wait_for_line(R"("fake_mac":")" + fake + R"(")", 30s));
+    EXPECT_FALSE(record_of(macaddr(fake)).has_value());
+    EXPECT_TRUE(discovered(kClients[2], macs["phone"]));
+
+    // A client that leaves goes offline; one that joins appears.
+    ASSERT_EQ(lan("del camera"), 0);
+    ASSERT_EQ(lan("add tv --client udhcpc"), 0);
+    const Client tv{"tv", false, "198.51.100.", "2001:db8:1:"};
+    EXPECT_TRUE(
+        nk::test::wait_until([&] { return discovered(tv, macaddr(client_mac("tv"))); }, 60s));
+    EXPECT_TRUE(nk::test::wait_until(
+        [&] {
+            const auto camera = record_of(macs["camera"]);
+            return camera && camera->macips.at(macs["camera"]).empty();
+        },
+        10s));
+
+    // Another DHCP server's LAN: the neighbour table alone shows the same clients.
+    std::string external;
+    ASSERT_EQ(
+        nk::test::run_command(
+            "ip netns exec " + box_ + " " + NK_NKDEVINFO_BIN + " -external --once", &external),
+        0);
+    for (const std::string name : {"laptop", "visitor", "tv"})
+        EXPECT_NE(external.find(client_mac(name)), std::string::npos) << name << ": " << external;
+}
+
+}  // namespace
