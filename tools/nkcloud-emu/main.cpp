@@ -40,7 +40,7 @@ constexpr const char* kCommands =
     "  fault add SPEC           a fault for the running server; prints its id\n"
     "  fault list | fault clear\n"
     "add, remove and rename publish the matching devmgmt:device_inventory event.\n"
-    "--json (before the command, or last) makes show print one JSON object.\n"
+    "--json (before the command or among its arguments) makes show print one JSON object.\n"
     "\n"
     "SPEC: KIND[=VALUE][,command=NAME][,count=N][,text=TEXT]\n"
     "  delay=MS  answer late      status=N  bus status N (default 3), no data\n"
@@ -170,7 +170,7 @@ int run(nk::daemon::Instance& frame, const CommandLine& line) {
         if (!db)
             return nkemu::kExitFailure;
         std::vector<std::string> command = line.command;
-        if (line.json && command.back() != "--json")
+        if (line.json)
             command.push_back("--json");
         const std::optional<int> status = nkemu::run_operator_command(*db, command);
         if (!status)

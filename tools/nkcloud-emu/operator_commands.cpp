@@ -252,12 +252,20 @@ std::optional<int> fault(CloudDb& db, const std::vector<std::string>& args) {
 }  // namespace
 
 std::optional<int> run_operator_command(CloudDb& db, const std::vector<std::string>& args) {
-    // --json may follow the command's own arguments.
-    const bool json = args.size() > 1 && args.back() == "--json";
-    const std::size_t n = args.size() - (json ? 1 : 0);
-    const std::string command = n > 0 ? args[0] : "";
+    // --json may stand anywhere after the command word.
+    std::vector<std::string> plain;
+    bool json = false;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if (i > 0 && args[i] == "--json") {
+            json = true;
+        } else {
+            plain.push_back(args[i]);
+        }
+    }
+    const std::size_t n = plain.size();
+    const std::string command = n > 0 ? plain[0] : "";
     if (command == "show" && n == 2)
-        return show(db, args[1], json);
+        return show(db, plain[1], json);
     if (command == "list" && n == 1)
         return list(db);
     if (json)

@@ -18,8 +18,8 @@ enum OperatorExit : int {
     kExitFailure = 3,  // database or bus failure
 };
 
-// `args`: the command word and its arguments (add, remove, rename, list, show, fault), and
-// "--json" last for list and show.
+// `args`: the command word and its arguments (add, remove, rename, list, show, fault); list and
+// show also take "--json" among them.
 // Returns the exit status, having said why on stderr; empty when the command or the number
 // of its arguments is wrong (the caller shows the usage).
 std::optional<int> run_operator_command(CloudDb& db, const std::vector<std::string>& args);
