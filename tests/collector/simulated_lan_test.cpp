@@ -47,6 +47,9 @@ protected:
     void SetUp() override {
         if (::geteuid() != 0)
             GTEST_SKIP() << "the simulated LAN needs root (network namespaces)";
+        // Root in a container may still be refused namespaces.
+        if (nk::test::run_command("unshare --net --mount true 2>/dev/null") != 0)
+            GTEST_SKIP() << "network namespaces are not available here";
         for (const char* tool : {"dnsmasq", "dhclient", "udhcpc", "dhcpcd", "busybox"}) {
             if (nk::test::run_command(std::string("command -v ") + tool + " >/dev/null") != 0)
                 GTEST_SKIP() << tool << " is not installed (scripts/deps installs it)";
