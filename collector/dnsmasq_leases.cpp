@@ -2,8 +2,6 @@
 
 #include <array>
 #include <cctype>
-#include <cerrno>
-#include <cstdlib>
 #include <optional>
 #include <string>
 

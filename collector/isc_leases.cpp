@@ -1,6 +1,8 @@
 #include "isc_leases.h"
 
 #include <cctype>
+#include <cstdio>
+#include <ctime>
 #include <map>
 #include <optional>
 #include <string>

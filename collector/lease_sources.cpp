@@ -91,13 +91,14 @@ std::vector<Lease> LeaseSources::read(std::time_t now, bool& torn) {
     std::string text;
     for (const std::string& path : paths_) {
         if (!read_file(path, text)) {
-            if (errno != ENOENT && logged_[path] != 1) {
+            const int err = errno;
+            if (err != ENOENT && unreadable_.insert(path).second) {
                 NK_LOG(nk::log::WARN, "cannot read the lease file {:s}: {:s}", path,
-                       std::strerror(errno));
-                logged_[path] = 1;
+                       std::strerror(err));
             }
             continue;
         }
+        unreadable_.erase(path);
         LeaseFile file = read_lease_text(text, now);
         log_problems(path, text, file);
         torn = torn || file.torn;

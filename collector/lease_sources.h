@@ -4,6 +4,7 @@
 
 #include <ctime>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,7 @@ private:
     std::vector<std::string> paths_;
     std::map<int, std::string> watched_;         // watch descriptor to directory
     std::map<std::string, std::size_t> logged_;  // path to the hash of the text last logged
+    std::set<std::string> unreadable_;           // paths whose read failure was logged
 };
 
 }  // namespace nk::collector

@@ -2,6 +2,8 @@
 
 #include <jansson.h>
 
+#include <algorithm>
+
 #include <fmt/format.h>
 #include <nk/json.h>
 
