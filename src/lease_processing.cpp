@@ -188,12 +188,14 @@ void process_leases(const json_t* data) {
         apply_lease(leases, mac);
     }
 
-    for (Device& device : g_devices) {
+    // By index: unlocking runs deferred events, which may grow the inventory.
+    for (std::size_t i = 0; i < g_devices.size(); ++i) {
+        Device& device = g_devices[i];
         if (device.cloud.device_id == g_device_id || !device.lock_device_key())
             continue;
         take_unleased_offline(device, leases);
         device.handle_onbox_info();
-        device.unlock_device_key();
+        g_devices[i].unlock_device_key();
     }
 
     if (!leases_received()) {
