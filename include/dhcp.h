@@ -1,6 +1,7 @@
 // What a DHCP client's requests reveal about it.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include <fmt/format.h>
@@ -31,6 +32,16 @@ inline void append_decimal(std::string& out, unsigned value) {
     } while (value != 0);
     while (n > 0)
         out.push_back(digits[--n]);
+}
+
+// Digits of a code in decimal, to size an option list before it is written.
+inline std::size_t decimal_width(unsigned value) {
+    std::size_t n = 1;
+    while (value >= 10) {
+        value /= 10;
+        ++n;
+    }
+    return n;
 }
 
 struct DhcpResult {

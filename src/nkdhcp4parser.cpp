@@ -133,7 +133,10 @@ bool interpret_param_request_list(const buffer_view& data, DhcpFingerprint& fing
         return false;
     }
     std::string& list = fingerprint.option_list;
-    list.reserve(list.size() + 4 * data.size);
+    std::size_t width = list.size() + data.size - 1;  // the separators
+    for (std::uint32_t i = 0; i < data.size; ++i)
+        width += decimal_width(data.data[i]);
+    list.reserve(width);  // one allocation at most, none for a short list
     for (std::uint32_t i = 0; i < data.size; ++i) {
         if (i > 0)
             list.push_back(' ');

@@ -133,7 +133,12 @@ bool interpret_client_id(buffer_view& option, DhcpResult& result) {
 bool interpret_option_request(buffer_view& option, DhcpFingerprint& fingerprint) {
     std::string& list = fingerprint.option_list;
     list.clear();
-    list.reserve(option.size * 3);
+    const std::uint32_t codes = option.size / 2;
+    std::size_t width = codes > 0 ? codes - 1 : 0;  // the separators
+    for (std::uint32_t i = 0; i < codes; ++i)
+        width +=
+            decimal_width(static_cast<unsigned>(option.data[2 * i] << 8 | option.data[2 * i + 1]));
+    list.reserve(width);  // one allocation at most, none for a short list
     while (option.remaining() >= 2) {
         if (!list.empty())
             list.push_back(' ');
