@@ -10,6 +10,7 @@
 #include <ctime>
 #include <thread>
 
+#include <nk/featureutl.h>
 #include <nk/io.h>
 #include <nk/log.h>
 
@@ -22,6 +23,8 @@ namespace {
 
 // A file still torn after this many quick re-reads is taken as it is.
 constexpr int kMaxTornReads = 5;
+// The daemon's feature number of additional info (0 is on).
+constexpr int kFeatureAdditionalInfo = 0;
 
 nk::io::unique_fd stop_signals() {
     sigset_t set;
@@ -56,12 +59,12 @@ bool Collector::start() {
 
 Snapshot Collector::build(bool& torn) {
     torn = false;
-    const LanInterfaces lans = read_lan_interfaces();
+    lans_ = read_lan_interfaces();
     const std::vector<Neighbour> neighbours = dump_neighbours().value_or(std::vector<Neighbour>{});
     if (mode_ == Mode::External)
-        return neighbours_snapshot(neighbours, lans);
+        return neighbours_snapshot(neighbours, lans_);
     const std::vector<Lease> leases = sources_.read(std::time(nullptr), torn);
-    return leases_snapshot(leases, neighbours, lans, history_);
+    return leases_snapshot(leases, neighbours, lans_, history_);
 }
 
 void Collector::log_skipped(const Snapshot& snapshot) {
@@ -90,6 +93,8 @@ bool Collector::send(bool force) {
     force = force || force_pending_;
     force_pending_ = false;
     log_skipped(snapshot);
+    if (scanners_)
+        scanners_->update(lans_, snapshot);
     if (!force && last_ && *last_ == snapshot)
         return true;
     const std::string message = leases_message(snapshot);
@@ -118,11 +123,37 @@ void Collector::changed(Clock::time_point now) {
 }
 
 int Collector::wait_ms(Clock::time_point now) const {
-    const Clock::time_point next = first_change_ ? send_at_ : refresh_at_;
+    Clock::time_point next = first_change_ ? send_at_ : refresh_at_;
+    if (scanners_) {
+        if (const std::optional<Clock::time_point> timer = scanners_->next_timer())
+            next = std::min(next, *timer);
+    }
     if (next <= now)
         return 0;
     const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(next - now).count();
     return static_cast<int>(std::min<long long>(ms + 1, 60000));
+}
+
+void Collector::follow_feature(int epoll) {
+    const bool on = nk::featureutl::get_feature(kFeatureAdditionalInfo) == 0;
+    if (on == scanners_.has_value())
+        return;
+    if (!on) {
+        ::epoll_ctl(epoll, EPOLL_CTL_DEL, scanners_->fd(), nullptr);
+        scanners_.reset();
+        NK_LOG(nk::log::INFO, "additional info is off: service scanners stopped");
+        return;
+    }
+    scanners_.emplace([this](const std::string& line) { return write_line(out_, line); },
+                      scan_limits_);
+    if (!scanners_->open()) {
+        scanners_.reset();
+        return;
+    }
+    watch(epoll, scanners_->fd(), EPOLLIN);
+    NK_LOG(nk::log::INFO, "additional info is on: scanning for mDNS, UPnP and NetBIOS services");
+    if (last_)
+        scanners_->update(lans_, *last_);
 }
 
 int Collector::run() {
@@ -138,6 +169,22 @@ int Collector::run() {
         watch(epoll.get(), sources_.fd(), EPOLLIN);
     // A pipe's write end reports the reader's end going away; other outputs cannot be watched.
     watch(epoll.get(), out_, 0);
+    // Without a feature watch the scanners follow the value read at start.
+    const bool features = nk::featureutl::init() == 0;
+    // The feature callback refers to this run's epoll set: it goes when the run ends.
+    struct FeatureWatch {
+        bool on;
+        ~FeatureWatch() {
+            if (on)
+                nk::featureutl::uninit();
+        }
+    } const feature_watch{features};
+    if (features) {
+        watch(epoll.get(), nk::featureutl::get_fd(), EPOLLIN);
+        nk::featureutl::set_on_feature_change(kFeatureAdditionalInfo,
+                                              [&](int) { follow_feature(epoll.get()); });
+    }
+    follow_feature(epoll.get());
 
     // The first snapshot goes out at once, even empty: the daemon waits for one.
     if (!send(true))
@@ -154,10 +201,17 @@ int Collector::run() {
             const int fd = events[i].data.fd;
             if (fd == signals.get() || fd == out_)
                 return 0;
+            if (features && fd == nk::featureutl::get_fd())
+                nk::featureutl::read_fd();
             if (fd == monitor_->fd() && monitor_->drain())
                 changed(now);
             else if (mode_ == Mode::Internal && fd == sources_.fd() && sources_.drain())
                 changed(now);
+        }
+        if (scanners_) {
+            scanners_->dispatch();
+            if (!scanners_->output_ok())
+                return 0;
         }
         if (first_change_) {
             if (now >= send_at_ && !send(force_pending_))

@@ -1,5 +1,6 @@
 // The collector's loop: a "leases" snapshot at start, on every change of the leases or the
-// neighbour table (at most one a second) and at least every minute.
+// neighbour table (at most one a second) and at least every minute; and, while the
+// additional-info feature is on, the service scanners' "avahi", "upnp" and "netbios" lines.
 #pragma once
 
 #include <chrono>
@@ -8,6 +9,7 @@
 #include "client_history.h"
 #include "lease_sources.h"
 #include "neighbours.h"
+#include "scanners.h"
 #include "snapshot.h"
 
 namespace nk::collector {
@@ -17,8 +19,6 @@ enum class Mode {
     External,  // another DHCP server on the LAN: the neighbour table
 };
 
-using Clock = std::chrono::steady_clock;
-
 struct Timing {
     std::chrono::milliseconds settle{200};     // quiet time after a change before reading
     std::chrono::milliseconds min_gap{1000};   // least time between two snapshots
@@ -27,8 +27,8 @@ struct Timing {
 
 class Collector {
 public:
-    Collector(Mode mode, int out_fd, Timing timing = {})
-        : mode_(mode), out_(out_fd), timing_(timing) {}
+    Collector(Mode mode, int out_fd, Timing timing = {}, ScanLimits scan = {})
+        : mode_(mode), out_(out_fd), timing_(timing), scan_limits_(scan) {}
 
     // Until SIGTERM, SIGINT or SIGHUP, or until the output is closed: 0. 1 when it cannot
     // start.
@@ -44,6 +44,8 @@ private:
     void changed(Clock::time_point now);
     int wait_ms(Clock::time_point now) const;
     void log_skipped(const Snapshot& snapshot);
+    // Starts or stops the service scanners as the additional-info feature says.
+    void follow_feature(int epoll);
 
     Mode mode_;
     int out_;
@@ -51,6 +53,9 @@ private:
     LeaseSources sources_;
     std::optional<NeighbourMonitor> monitor_;
     ClientHistory history_;
+    ScanLimits scan_limits_;
+    std::optional<Scanners> scanners_;
+    LanInterfaces lans_;
 
     std::optional<Snapshot> last_;
     std::vector<std::string> last_skipped_;
