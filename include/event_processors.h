@@ -9,3 +9,7 @@ void process_removed_devices();
 void process_new_devices();
 void process_changed_devices();
 void process_pending_devices();
+
+// The event pipe became readable: drains it, then runs the processors in their fixed order.
+// Device-id requests and user agents wait for the first lease table.
+void process_event_pipe();

@@ -6,6 +6,7 @@
 
 #include <nk/log.h>
 
+#include "device_id_answers.h"
 #include "globals.h"
 
 namespace {
@@ -36,6 +37,7 @@ bool cloud_request(const char* destination, const json_t* body, nk::json_ptr* re
     request.length = std::strlen(text.get());
 
     Message* raw = nullptr;
+    const CloudWait wait;
     if (nkex_send_request_and_wait_response(g_nkex, &request, &raw) != 0) {
         NK_LOG(nk::log::WARN, "{:s} failed", destination);
         return false;

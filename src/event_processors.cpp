@@ -1,10 +1,228 @@
 #include "event_processors.h"
 
-// Each processor drains its queue once the inventory it changes exists.
-void process_device_id_requests() {}
-void process_sifter_user_agents() {}
-void process_dhcp_results() {}
-void process_removed_devices() {}
-void process_new_devices() {}
-void process_changed_devices() {}
-void process_pending_devices() {}
+#include <unistd.h>
+
+#include <algorithm>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <nk/log.h>
+
+#include "additional_info.h"
+#include "device.h"
+#include "device_id_answers.h"
+#include "globals.h"
+#include "network_info.h"
+#include "storage_helpers.h"
+#include "subprocess_messages.h"
+#include "utils.h"
+
+namespace {
+
+// The whole queue, leaving it empty: producers never wait for what the batch does.
+template <typename T>
+std::vector<T> take_queue(std::vector<T>& queue, std::mutex& mutex) {
+    std::vector<T> batch;
+    const std::lock_guard lock(mutex);
+    batch.swap(queue);
+    return batch;
+}
+
+void answer_device_id_request(const DeviceIdRequest& request) {
+    const macaddr mac = get_real_mac(request.mac, request.ip);
+    const std::string mac_text = mac.to_string(false);
+    if (!is_valid_device_id_request(mac, request.ip)) {
+        NK_LOG(nk::log::WARN, "Received invalid device_id request: mac={}, ip={}", mac, request.ip);
+        send_device_id_response(mac_text.c_str(), "", request.request_id);
+        return;
+    }
+    const std::string device_id = get_device_id(mac);
+    NK_LOG(nk::log::DEBUG, "mac={}, device_id={:s}", mac, device_id);
+    send_device_id_response(mac_text.c_str(), device_id.c_str(), request.request_id);
+    if (is_temporary(device_id))
+        save_pending_device(device_id, mac, request.ip);
+}
+
+template <typename T>
+bool cached(const nk::Cache<macaddr, nk::AdditionalInfo<T>>& cache, std::mutex& mutex,
+            const macaddr& mac, const T& info) {
+    const std::lock_guard lock(mutex);
+    return cache.exists(mac, nk::AdditionalInfo<T>{info});
+}
+
+void handle_user_agent(const UserAgent& agent) {
+    const macaddr mac = get_real_mac(agent.mac, agent.ip);
+    const std::string device_id = get_device_id(mac);
+    NK_LOG(nk::log::DEBUG, "mac={}, device_id={:s}", mac, device_id);
+    if (is_temporary(device_id))
+        save_pending_device(device_id, mac, agent.ip);
+    if (cached(g_user_agent_cache, g_user_agent_cache_mutex, mac, agent.user_agent)) {
+        NK_LOG(nk::log::DEBUG, "User agent \"{:s}\" already in cache for device_id {:s}, mac {}",
+               agent.user_agent, device_id, mac);
+        return;
+    }
+    send_user_agent(mac, agent.user_agent);
+}
+
+void update_detected_name(const macaddr& mac, const std::string& hostname) {
+    g_hostnames[mac] = hostname;
+    Device* const device = find_device_by_mac(mac);
+    if (device == nullptr || !device->lock_device_key())
+        return;
+    device->update_box_detected_name(hostname);
+    device->unlock_device_key();
+}
+
+void handle_dhcp_result(const nk::DhcpResult& result) {
+    if (!result.hostname.empty())
+        update_detected_name(result.mac, result.hostname);
+    const nk::DhcpFingerprint& fingerprint = result.fingerprint;
+    if (!g_feature_additional_info ||
+        (fingerprint.option_list.empty() && fingerprint.vendor_class.empty())) {
+        return;
+    }
+    const std::string device_id = get_device_id(result.mac);
+    NK_LOG(nk::log::DEBUG, "mac={}, device_id={:s}", result.mac, device_id);
+    if (cached(g_fingerprint_cache, g_fingerprint_cache_mutex, result.mac, fingerprint)) {
+        NK_LOG(nk::log::DEBUG, "Fingerprint \"{}\" already in cache for device_id {:s}, mac {}",
+               fingerprint, device_id, result.mac);
+        return;
+    }
+    send_dhcp_fingerprint(result.mac, fingerprint);
+}
+
+template <typename Cache>
+void forget_macs(const std::vector<macaddr>& macs, Cache& cache, std::mutex& mutex) {
+    const std::lock_guard lock(mutex);
+    for (const macaddr& mac : macs)
+        cache.remove(mac);
+}
+
+void remove_device(const std::string& device_id) {
+    NK_LOG(nk::log::INFO, "Processing removed device {:s}", device_id);
+    const auto it = std::find_if(g_devices.begin(), g_devices.end(), [&device_id](const Device& d) {
+        return d.cloud.device_id == device_id;
+    });
+    if (it == g_devices.end()) {
+        NK_LOG(nk::log::WARN, "removed device not in local list: {:s}", device_id);
+        return;
+    }
+    remove_device_from_storage(*it);
+    // What was cached for these MACs must not hold back a later device that has one of them.
+    std::vector<macaddr> cloud_macs;
+    for (const auto& [key, mac] : it->cloud.macs)
+        cloud_macs.push_back(mac);
+    forget_macs(cloud_macs, g_user_agent_cache, g_user_agent_cache_mutex);
+    forget_macs(cloud_macs, g_fingerprint_cache, g_fingerprint_cache_mutex);
+    // Registering them again at once would bring back the device just removed.
+    for (const macaddr& mac : it->local.macips.macs)
+        g_connect_device_times[mac] = g_now;
+    g_devices.erase(it);
+}
+
+void add_cloud_device(const std::string& device_id) {
+    NK_LOG(nk::log::INFO, "Processing new device {:s}", device_id);
+    if (find_device_by_dev_id(device_id) != nullptr)
+        return;
+    Device device;
+    device.cloud.device_id = device_id;
+    device.local.device_id = device_id;
+    if (!device.lock_device_key())
+        return;
+    // Stored first, so that the refresh writes each field under an existing device key.
+    write_device_to_storage(device, true);
+    if (!device.update_device_fields_from_cloud(g_cloud_fields, true)) {
+        remove_device_from_storage(device);
+        device.unlock_device_key();
+        return;
+    }
+    // Unlocked as the inventory's copy: the confirmations it runs find the device listed.
+    g_devices.push_back(std::move(device));
+    g_devices.back().unlock_device_key();
+}
+
+void refresh_changed_device(const ChangedInfo& changed) {
+    Device* const device = find_device_by_dev_id(changed.device_id);
+    if (device == nullptr) {
+        NK_LOG(nk::log::WARN, "changed device not in local list: {:s}", changed.device_id);
+        return;
+    }
+    if (!device->lock_device_key())
+        return;
+    if (device->update_device_fields_from_cloud(changed.fields, changed.is_additional))
+        device->info_sync_pending = 0;
+    device->unlock_device_key();
+}
+
+void register_pending_device(Device& device) {
+    if (device.cloud.macs.empty())
+        return;
+    const macaddr mac = device.cloud.macs.begin()->second;
+    if (find_device_by_mac(mac) != nullptr)
+        return;  // registered meanwhile
+    NK_LOG(nk::log::DEBUG, "Creating device for mac {}", mac);
+    const nk::ip_set ips = device.local.macips.get_ips(mac, true);
+    const bool guest = std::any_of(ips.begin(), ips.end(), is_in_guest);
+    device.connect_device(guest ? 1 : 0);
+    // A failed registration drops the device: its next sighting queues it again.
+    if (!device.cloud.device_id.empty())
+        g_devices.push_back(std::move(device));
+}
+
+}  // namespace
+
+void process_device_id_requests() {
+    for (const DeviceIdRequest& request : take_queue(g_devid_requests, g_devid_requests_mutex))
+        answer_device_id_request(request);
+}
+
+void process_sifter_user_agents() {
+    for (const UserAgent& agent : take_queue(g_user_agents, g_user_agents_mutex))
+        handle_user_agent(agent);
+}
+
+void process_dhcp_results() {
+    for (const nk::DhcpResult& result : take_queue(g_dhcp_results, g_dhcp_results_mutex))
+        handle_dhcp_result(result);
+}
+
+void process_removed_devices() {
+    for (const std::string& device_id : take_queue(g_removed_devices, g_removed_devices_mutex))
+        remove_device(device_id);
+}
+
+void process_new_devices() {
+    for (const std::string& device_id : take_queue(g_new_devices, g_new_devices_mutex))
+        add_cloud_device(device_id);
+}
+
+void process_changed_devices() {
+    for (const ChangedInfo& changed : take_queue(g_changed_devices, g_changed_devices_mutex))
+        refresh_changed_device(changed);
+}
+
+void process_pending_devices() {
+    // Taken out whole: nothing a registration does may move the records being worked on.
+    std::vector<Device> pending;
+    pending.swap(g_pending_devices);
+    for (Device& device : pending)
+        register_pending_device(device);
+}
+
+void process_event_pipe() {
+    char byte = 0;
+    while (::read(g_event_pipe[0], &byte, 1) > 0) {
+    }
+    if (leases_received()) {
+        process_device_id_requests();
+        process_sifter_user_agents();
+    }
+    process_dhcp_results();
+    process_removed_devices();
+    process_new_devices();
+    process_changed_devices();
+    // Last: every request of the pass is answered before a registration waits on the cloud.
+    process_pending_devices();
+}

@@ -276,6 +276,7 @@ bool start_up(Unwinder& unwind, Loop& loop) {
         nk::io::epoll_set_fd_ro(loop.epoll, fd);
     }
     NK_LOG(nk::log::DEBUG, "disco ready");
+    nk::daemon::notify_ready();
     return true;
 }
 
@@ -433,21 +434,6 @@ void flush_service_info(ServiceInfoKind kind, int submission_timer) {
     nk::time::timer_start(submission_timer, kSubmissionDelay, kSubmissionInterval, false);
 }
 
-void drain_event_pipe() {
-    char byte = 0;
-    while (::read(g_event_pipe[0], &byte, 1) > 0) {
-    }
-    if (leases_received()) {
-        process_device_id_requests();
-        process_sifter_user_agents();
-    }
-    process_dhcp_results();
-    process_removed_devices();
-    process_new_devices();
-    process_changed_devices();
-    process_pending_devices();
-}
-
 bool ticked(int fd) {
     return nk::time::timer_tick(fd) != 0;
 }
@@ -500,7 +486,7 @@ void dispatch(Loop& loop, int fd) {
         if (ticked(fd))
             g_subprocess->set_failures(0);
     } else if (fd == g_event_pipe[0]) {
-        drain_event_pipe();
+        process_event_pipe();
     } else if (fd == t.retry) {
         if (ticked(fd)) {
             retry_user_agents();
@@ -559,6 +545,7 @@ int disco_run() {
     if (!start_up(unwind, loop))
         return 1;
     run_loop(loop);
+    nk::daemon::notify_stopping();
     NK_LOG(nk::log::DEBUG, "exiting");
     unwind.run();
     return 0;

@@ -17,9 +17,11 @@
 #include <nk/log.h>
 #include <nk/util.h>
 
+#include "device_id_answers.h"
 #include "globals.h"
 #include "network_info.h"
 #include "nkdhcpparser.h"
+#include "queue_limits.h"
 #include "storage_helpers.h"
 #include "utils.h"
 
@@ -59,13 +61,28 @@ std::string quoted(std::string_view text) {
     return fmt::format("{}... ({} bytes)", text.substr(0, kQuotedPayloadMax), text.size());
 }
 
-// Appends under the queue's mutex and wakes the loop while still holding it.
+// Appends under the queue's mutex and wakes the loop while still holding it. False, and
+// counted, when the queue is full.
 template <typename T>
-void enqueue(std::vector<T>& queue, std::mutex& mutex, T record) {
-    const std::lock_guard lock(mutex);
-    queue.push_back(std::move(record));
-    wake_main_loop();
+bool enqueue(std::vector<T>& queue, std::mutex& mutex, std::size_t limit, QueueOverflow& overflow,
+             T record) {
+    {
+        const std::lock_guard lock(mutex);
+        if (queue.size() < limit) {
+            queue.push_back(std::move(record));
+            wake_main_loop();
+            return true;
+        }
+    }
+    overflow.refused();
+    return false;
 }
+
+QueueOverflow g_removed_overflow("removed devices", kMaxQueuedInventoryEvents);
+QueueOverflow g_new_overflow("new devices", kMaxQueuedInventoryEvents);
+QueueOverflow g_changed_overflow("changed devices", kMaxQueuedInventoryEvents);
+QueueOverflow g_dhcp_overflow("DHCP results", kMaxQueuedDhcpResults);
+QueueOverflow g_devid_overflow("device_id requests", kMaxQueuedDeviceIdRequests);
 
 // 4 unless "version" says otherwise: true is 1 and false 0, so a boolean always means DHCPv6.
 json_int_t ip_version(const json_t* version) {
@@ -127,13 +144,15 @@ void handle_device_removed(const json_t* params) {
     }
     const char* device_id = nk::json_string_member(params, "device_id");
     if (device_id != nullptr)
-        enqueue(g_removed_devices, g_removed_devices_mutex, std::string(device_id));
+        enqueue(g_removed_devices, g_removed_devices_mutex, kMaxQueuedInventoryEvents,
+                g_removed_overflow, std::string(device_id));
 }
 
 void handle_new_device(const json_t* params) {
     const char* device_id = nk::json_string_member(params, "device_id");
     if (device_id != nullptr)
-        enqueue(g_new_devices, g_new_devices_mutex, std::string(device_id));
+        enqueue(g_new_devices, g_new_devices_mutex, kMaxQueuedInventoryEvents, g_new_overflow,
+                std::string(device_id));
 }
 
 }  // namespace
@@ -249,7 +268,8 @@ void handle_event_sifter_dhcp_payload(const Message* message) {
                          static_cast<std::uint32_t>(decoded->size() - kUdpHeaderSize));
     nk::DhcpResult result;
     if (parse_dhcp(v4, dhcp, source_mac, result))
-        enqueue(g_dhcp_results, g_dhcp_results_mutex, std::move(result));
+        enqueue(g_dhcp_results, g_dhcp_results_mutex, kMaxQueuedDhcpResults, g_dhcp_overflow,
+                std::move(result));
 }
 
 void handle_event_device_inventory(const Message* message) {
@@ -287,7 +307,8 @@ void handle_device_info_changed(const json_t* params) {
         return;
     NK_LOG(nk::log::INFO, "Changed fields: {}, is_additional: {}", changed.kept,
            changed.is_additional);
-    enqueue(g_changed_devices, g_changed_devices_mutex,
+    enqueue(g_changed_devices, g_changed_devices_mutex, kMaxQueuedInventoryEvents,
+            g_changed_overflow,
             ChangedInfo{device_id, std::move(changed.kept), changed.is_additional});
 }
 
@@ -309,8 +330,14 @@ void handle_event_request_device_id(const Message* message) {
         return;
     }
     NK_LOG(nk::log::INFO, "mac={:s}, ip={:s}", mac, ip);
-    enqueue(g_devid_requests, g_devid_requests_mutex,
-            DeviceIdRequest{macaddr(mac), address(ip), message->id});
+    DeviceIdRequest request{macaddr(mac), address(ip), message->id};
+    if (answer_while_cloud_waits(request))
+        return;
+    // Refused: "none known" at once beats an answer that never comes.
+    if (!enqueue(g_devid_requests, g_devid_requests_mutex, kMaxQueuedDeviceIdRequests,
+                 g_devid_overflow, std::move(request))) {
+        send_device_id_response(mac, "", message->id);
+    }
 }
 
 void handle_event_device_not_found(const Message* /*message*/) {

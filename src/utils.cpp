@@ -15,6 +15,7 @@
 
 #include "globals.h"
 #include "nkex_callbacks.h"
+#include "queue_limits.h"
 
 std::unordered_map<std::string, std::string> g_temporary_device_ids;
 std::vector<Device> g_pending_devices;
@@ -182,10 +183,17 @@ std::string get_hostname(const macaddr& mac) {
 }
 
 void save_user_agent(const std::string& ip, const std::string& mac, const std::string& user_agent) {
-    // Queued and announced in one step under the mutex, as every queue does.
-    const std::lock_guard lock(g_user_agents_mutex);
-    g_user_agents.push_back(UserAgent{address(ip), macaddr(mac), user_agent});
-    wake_main_loop();
+    static QueueOverflow overflow("user agents", kMaxQueuedUserAgents);
+    {
+        // Queued and announced in one step under the mutex, as every queue does.
+        const std::lock_guard lock(g_user_agents_mutex);
+        if (g_user_agents.size() < kMaxQueuedUserAgents) {
+            g_user_agents.push_back(UserAgent{address(ip), macaddr(mac), user_agent});
+            wake_main_loop();
+            return;
+        }
+    }
+    overflow.refused();
 }
 
 int str_rtrim(char* str) {

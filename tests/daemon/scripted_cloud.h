@@ -25,6 +25,7 @@ struct ScriptedCloud {
     std::mutex mutex;
     std::map<std::string, std::pair<int, std::string>> answers;  // status and text
     std::vector<std::pair<std::string, std::string>> requests;   // command and body
+    std::vector<std::uint64_t> ids;                              // of each request
     nkex_handle* handle = nullptr;
 
     void set(const std::string& command, const char* text, int status = 0) {
@@ -38,12 +39,22 @@ struct ScriptedCloud {
         const std::lock_guard lock(mutex);
         return requests;
     }
+    // Answers the n-th request (one left unanswered) now.
+    void answer(std::size_t n, const std::string& text) {
+        std::uint64_t id = 0;
+        {
+            const std::lock_guard lock(mutex);
+            id = ids.at(n);
+        }
+        nkex_send_response(handle, 0, id, text.data(), text.size());
+    }
     static void serve(const Message* m, void* context) {
         auto* cloud = static_cast<ScriptedCloud*>(context);
         std::string command(m->name);
         command.erase(0, command.rfind('/') + 1);
         const std::lock_guard lock(cloud->mutex);
         cloud->requests.emplace_back(command, std::string(m->data ? m->data : "", m->length));
+        cloud->ids.push_back(m->id);
         const auto it = cloud->answers.find(command);
         if (it != cloud->answers.end())
             nkex_send_response(cloud->handle, it->second.first, m->id, it->second.second.data(),

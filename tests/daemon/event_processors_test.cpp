@@ -1,0 +1,311 @@
+// The queue processors on a real broker, settings store and device table, with a scripted
+// cloud: answers to device-id requests, registration in the same pass, removals before
+// additions, cached additional info, and when service information is due.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <deque>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fmt/format.h>
+#include <nk/constants.h>
+
+#include "event_processors.h"
+#include "network_info.h"
+#include "nkex_callbacks.h"
+#include "queue_limits.h"
+#include "scripted_cloud.h"
+#include "service_info.h"
+#include "stderr_capture.h"
+#include "storage_helpers.h"
+#include "subprocess_messages.h"
+#include "utils.h"
+#include "wait.h"
+
+namespace {
+
+const char* const kBoxMac = "02:00:00:00:00:fe";
+const macaddr kKnown("a4:5e:60:c2:1f:0b");
+const macaddr kUnknown("a4:5e:60:c2:1f:0c");
+
+// One request to the daemon and its answer.
+struct Asked {
+    std::atomic<bool> answered{false};
+    std::string answer;
+};
+
+class EventProcessorsTest : public nk::test::CloudTest {
+protected:
+    void SetUp() override {
+        CloudTest::SetUp();
+        ASSERT_EQ(::pipe2(g_event_pipe, O_CLOEXEC | O_NONBLOCK), 0);
+        {
+            const std::lock_guard lock(g_interfaces_mutex);
+            nk::netMgmt::Interface lan("br-lan", nk::netMgmt::LAN, false);
+            lan.mac = macaddr(kBoxMac);
+            lan.ipv4.emplace(address("192.168.1.1"), address("255.255.255.0"));
+            g_interfaces = {lan};
+        }
+        // The daemon's connection, serving its events as in the daemon.
+        nkex_uninit(g_nkex);
+        ASSERT_NE(g_nkex = nkex_init("nkdevicediscovery", nkex_msg_callback, nullptr, 1), nullptr);
+        ASSERT_EQ(nkex_subscribe(g_nkex, kSubscribedEvents.data(), kSubscribedEvents.size()), 0);
+        ASSERT_NE(asker_ = nkex_init("asker", notice, this, 1), nullptr);
+        const char* notices[] = {"permanent_device_id"};
+        ASSERT_EQ(nkex_subscribe(asker_, notices, 1), 0);
+        // A device the cloud knows, as a load leaves it.
+        Device tv("d-7", kKnown, {address("192.168.1.20")}, "tv");
+        tv.cloud.device_id = "d-7";
+        g_devices.push_back(tv);
+    }
+    void TearDown() override {
+        nkex_uninit(asker_);
+        ::close(g_event_pipe[0]);
+        ::close(g_event_pipe[1]);
+        g_event_pipe[0] = g_event_pipe[1] = -1;
+        CloudTest::TearDown();
+    }
+
+    static void notice(const Message* m, void* context) {
+        auto* self = static_cast<EventProcessorsTest*>(context);
+        const std::lock_guard lock(self->mutex_);
+        self->notices_.emplace_back(m->data ? m->data : "", m->length);
+    }
+    static void answered(void* context, const Message* response) {
+        auto* asked = static_cast<Asked*>(context);
+        asked->answer.assign(response->data ? response->data : "", response->length);
+        asked->answered = true;
+    }
+    // Sends a request as another daemon does; its answer lands in the returned record.
+    Asked& ask(const std::string& mac, const std::string& ip) {
+        Asked& asked = asked_.emplace_back();
+        const std::string data = fmt::format(R"({{"mac": "{}", "ip": "{}"}})", mac, ip);
+        EXPECT_EQ(nkex_send_request(asker_, "request_device_id", data.data(), data.size(), answered,
+                                    &asked),
+                  0);
+        return asked;
+    }
+    static std::size_t queued_requests() {
+        const std::lock_guard lock(g_devid_requests_mutex);
+        return g_devid_requests.size();
+    }
+    std::vector<std::string> notices() {
+        const std::lock_guard lock(mutex_);
+        return notices_;
+    }
+    std::size_t sent_of(const std::string& command) {
+        std::size_t n = 0;
+        for (const auto& request : cloud_.sent())
+            n += request.first == command;
+        return n;
+    }
+
+    nkex_handle* asker_ = nullptr;
+    std::deque<Asked> asked_;  // stable addresses for the callbacks
+    std::mutex mutex_;
+    std::vector<std::string> notices_;
+};
+
+std::string answer_of(const std::string& mac, const std::string& id) {
+    return fmt::format(R"({{"device_id": "{}", "mac": "{}"}})", id, mac);
+}
+
+TEST_F(EventProcessorsTest, EveryRequestIsAnsweredAfterTheFirstLeasesAndUnknownMacsRegistered) {
+    const std::string temporary = std::string(nk::kTemporaryDeviceIdPrefix) + "000000000001";
+    const struct {
+        std::string mac;
+        std::string ip;
+        std::string answer;
+    } cases[] = {
+        {kKnown.to_string(false), "192.168.1.20", answer_of(kKnown.to_string(false), "d-7")},
+        {kUnknown.to_string(false), "192.168.1.30",
+         answer_of(kUnknown.to_string(false), temporary)},
+        {kBoxMac, "192.168.1.1", answer_of(kBoxMac, "")},                       // the BOX itself
+        {"a4:5e:60:c2:1f:0d", "10.9.9.9", answer_of("a4:5e:60:c2:1f:0d", "")},  // not on the LAN
+        {"not-a-mac", "192.168.1.40", answer_of("00:00:00:00:00:00", "")},
+    };
+    for (const auto& c : cases)
+        ask(c.mac, c.ip);
+    ASSERT_TRUE(nk::test::wait_until([] { return queued_requests() == 5; }));
+
+    process_event_pipe();
+    EXPECT_EQ(queued_requests(), 5u) << "answered before the first lease table";
+
+    set_leases_received(true);
+    process_event_pipe();
+    ASSERT_TRUE(nk::test::wait_until([&] {
+        for (const Asked& a : asked_) {
+            if (!a.answered)
+                return false;
+        }
+        return true;
+    }));
+    for (std::size_t i = 0; i < std::size(cases); ++i)
+        EXPECT_EQ(asked_[i].answer, cases[i].answer) << cases[i].mac;
+
+    // The unknown MAC was registered in the same pass, and its askers told the permanent id.
+    ASSERT_NE(find_device_by_mac(kUnknown), nullptr);
+    EXPECT_EQ(find_device_by_mac(kUnknown)->cloud.device_id, "d-1");
+    EXPECT_TRUE(g_pending_devices.empty());
+    EXPECT_EQ(sent_of("connect_device"), 1u);
+    ASSERT_TRUE(nk::test::wait_until([&] { return !notices().empty(); }));
+    EXPECT_EQ(notices()[0],
+              fmt::format(R"({{"temp_device_id": "{}", "cloud_device_id": "d-1"}})", temporary));
+}
+
+TEST_F(EventProcessorsTest, KnownMacsAreAnsweredWhileTheLoopWaitsOnTheCloud) {
+    set_leases_received(true);
+    cloud_.set("connect_device", nullptr);  // answered by hand below
+    ask(kUnknown.to_string(false), "192.168.1.30");
+    ASSERT_TRUE(nk::test::wait_until([] { return queued_requests() == 1; }));
+    std::atomic<bool> pass_done{false};
+    std::thread loop([&] {
+        process_event_pipe();
+        pass_done = true;
+    });
+    ASSERT_TRUE(nk::test::wait_until([&] { return sent_of("connect_device") == 1; }));
+
+    Asked& known = ask(kKnown.to_string(false), "192.168.1.20");
+    Asked& outside = ask(kKnown.to_string(false), "10.9.9.9");
+    const bool both = nk::test::wait_until([&] { return known.answered && outside.answered; });
+    const bool waiting = !pass_done;
+    cloud_.answer(0, nk::test::id_answer("d-1"));
+    loop.join();
+    EXPECT_TRUE(both && waiting) << "answers waited for the registration";
+    EXPECT_EQ(known.answer, answer_of(kKnown.to_string(false), "d-7"));
+    EXPECT_EQ(outside.answer, answer_of(kKnown.to_string(false), ""));
+    EXPECT_EQ(queued_requests(), 0u);
+}
+
+TEST_F(EventProcessorsTest, AFullQueueAnswersAtOnceWithNoIdAndSaysSoOnce) {
+    set_leases_received(true);
+    {
+        const std::lock_guard lock(g_devid_requests_mutex);
+        g_devid_requests.resize(kMaxQueuedDeviceIdRequests);
+    }
+    nk::test::StderrCapture capture;
+    Asked& first = ask(kKnown.to_string(false), "192.168.1.20");
+    Asked& second = ask(kKnown.to_string(false), "192.168.1.20");
+    ASSERT_TRUE(nk::test::wait_until([&] { return first.answered && second.answered; }));
+    EXPECT_EQ(first.answer, answer_of(kKnown.to_string(false), ""));
+    EXPECT_EQ(queued_requests(), kMaxQueuedDeviceIdRequests);
+    const std::string log = capture.text();
+    const std::string line = "device_id requests queue full (16384 waiting)";
+    EXPECT_NE(log.find(line), std::string::npos) << log;
+    EXPECT_EQ(log.find(line), log.rfind(line)) << "the line is repeated: " << log;
+}
+
+TEST_F(EventProcessorsTest, RemovalRunsBeforeAdditionAndBlocksTheMacsRegistration) {
+    ASSERT_TRUE(write_device_to_storage(g_devices[0], true));
+    const std::string info = R"({"result": {"display_name": "Kitchen TV", "macs": [")" +
+                             kKnown.to_string(false) + R"("]}})";
+    cloud_.set("get_device_info", info.c_str());
+    {
+        const std::lock_guard lock(g_removed_devices_mutex);
+        g_removed_devices = {"d-7", "d-404"};
+    }
+    {
+        const std::lock_guard lock(g_new_devices_mutex);
+        g_new_devices = {"d-7"};
+    }
+    nk::test::StderrCapture capture;
+    process_event_pipe();
+    EXPECT_NE(capture.text().find("removed device not in local list: d-404"), std::string::npos);
+    ASSERT_EQ(g_devices.size(), 1u);
+    EXPECT_EQ(g_devices[0].cloud.device_id, "d-7");
+    EXPECT_EQ(g_devices[0].cloud.display_name, "Kitchen TV");  // fetched afresh
+    EXPECT_TRUE(load_device_from_storage("d-7").has_value());
+
+    // The removed device's MAC comes back on its own: refused for the interval.
+    g_devices.clear();
+    save_pending_device(get_device_id(kKnown), kKnown, address("192.168.1.20"));
+    process_event_pipe();
+    EXPECT_EQ(sent_of("connect_device"), 0u);
+    EXPECT_TRUE(g_devices.empty());
+}
+
+TEST_F(EventProcessorsTest, CachedUserAgentsAndFingerprintsAreNotSentAgain) {
+    set_leases_received(true);
+    g_feature_additional_info = true;
+    cloud_.set("connect_device", nk::test::id_answer("d-7").c_str());  // the name update
+    cloud_.set("set_device_type", R"({"result": {"status": "ok"}})");
+    cloud_.set("set_device_additional_info", R"({"result": {}})");
+    nk::DhcpResult dhcp;
+    dhcp.mac = kKnown;
+    dhcp.hostname = "tv-2";
+    dhcp.fingerprint.option_list = "1,3,6";
+    nk::DhcpResult name_only;
+    name_only.mac = kKnown;
+    name_only.hostname = "tv-3";
+    for (int pass = 0; pass < 2; ++pass) {
+        save_user_agent("192.168.1.20", kKnown.to_string(false), "curl/8.0");
+        {
+            const std::lock_guard lock(g_dhcp_results_mutex);
+            g_dhcp_results = {dhcp, name_only};
+        }
+        process_event_pipe();
+    }
+    EXPECT_EQ(sent_of("set_device_type"), 1u);
+    EXPECT_EQ(sent_of("set_device_additional_info"), 1u);
+    EXPECT_EQ(g_hostnames[kKnown], "tv-3");
+}
+
+TEST_F(EventProcessorsTest, ServiceInformationIsSentWhenDue) {
+    using nk::avahi::AvahiInfo;
+    const AvahiInfo printer{"_ipp._tcp", "printer", "", 631};
+    const AvahiInfo printer_moved{"_ipp._tcp", "printer-2", "", 632};  // same service name
+    const AvahiInfo web{"_http._tcp", "printer", "", 80};
+    g_avahi_submission_interval = 600;
+    struct Case {
+        const char* name;
+        std::time_t last;
+        std::set<AvahiInfo> current, kept;
+        bool pending;
+        int cloud_status;  // of set_device_additional_info
+        bool sent;
+        std::time_t last_after;
+        bool pending_after;
+    };
+    const Case cases[] = {
+        {"first, differs from the kept set",
+         0,
+         {printer, web},
+         {printer},
+         true,
+         0,
+         true,
+         1000,
+         false},
+        {"first, same service names as kept",
+         0,
+         {printer_moved},
+         {printer},
+         true,
+         0,
+         false,
+         0,
+         true},
+        {"empty set", 0, {}, {printer}, true, 0, false, 0, true},
+        {"nothing new", 0, {printer, web}, {}, false, 0, false, 0, false},
+        {"interval not over", 401, {printer}, {}, true, 0, false, 401, true},
+        {"interval over", 400, {printer}, {}, true, 0, true, 1000, false},
+        {"failed, offered again later", 400, {printer}, {}, true, 3, true, 400, true},
+    };
+    for (const Case& c : cases) {
+        cloud_.set("set_device_additional_info", R"({"result": {}})", c.cloud_status);
+        AdditionalInfoCache<AvahiInfo>& cache = g_devices[0].local.avahi_info;
+        cache = {c.last, c.current, c.kept, c.pending};
+        const std::size_t before = sent_of("set_device_additional_info");
+        process_avahi_services();
+        EXPECT_EQ(sent_of("set_device_additional_info") - before, c.sent ? 1u : 0u) << c.name;
+        EXPECT_EQ(g_devices[0].local.avahi_info.last_submission, c.last_after) << c.name;
+        EXPECT_EQ(g_devices[0].local.avahi_info.pending, c.pending_after) << c.name;
+    }
+}
+
+}  // namespace
