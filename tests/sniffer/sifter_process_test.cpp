@@ -1,0 +1,207 @@
+// nksifter as a real process: its command line, and on a simulated LAN of the test's own
+// (scripts/lan in network namespaces, needs root) the events a real dhclient and curl cause,
+// as a subscriber on a real broker receives them.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <nk/json.h>
+#include <nk/nkex.h>
+#include <nk/util.h>
+
+#include "daemon_process.h"
+#include "temp_dir.h"
+#include "test_broker.h"
+#include "wait.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(SifterProcessTest, CommandLine) {
+    // Without CAP_NET_RAW: as nobody when the test runs as root.
+    const std::string unprivileged =
+        ::geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
+    struct Case {
+        std::string args;
+        int status;
+        const char* output;
+    };
+    const Case kCases[] = {
+        {"--help", 0, "Usage: nksifter"},
+        {"--version", 0, "nksifter "},
+        {"--bogus", 64, "unknown option '--bogus'"},
+        {"--log-level 9", 64, "--log-level takes 0 to 4, not '9'"},
+        {"--broker mqtt://x", 64, "--broker wants unix:PATH or tcp:HOST:PORT"},
+        {"--interfaces ,", 64, "--interfaces needs at least one interface name"},
+        {"--settings /nonexistent/store", 1, "no settings store at /nonexistent/store"},
+        {"--interfaces lo --broker unix:/nonexistent", 77,
+         "nksifter: cannot capture on lo: socket: Operation not permitted (needs CAP_NET_RAW)"},
+    };
+    for (const Case& c : kCases) {
+        const std::string prefix = c.status == 77 ? unprivileged : "";
+        std::string out;
+        const int status = nk::test::run_command(
+            prefix + NK_NKSIFTER_BIN + " " + c.args + " 2>&1 </dev/null", &out);
+        EXPECT_EQ(status, c.status) << c.args << ": " << out;
+        EXPECT_NE(out.find(c.output), std::string::npos) << c.args << ": " << out;
+    }
+}
+
+// Collects the sifter's events from the bus.
+class Subscriber {
+public:
+    bool start(const std::string& name) {
+        handle_ = nkex_init(name.c_str(), &Subscriber::on_message, this, 1);
+        const char* const names[] = {"sifter_dhcp_payload", "sifter_user_agent"};
+        return handle_ != nullptr && nkex_subscribe(handle_, names, 2) == 0;
+    }
+    ~Subscriber() {
+        if (handle_ != nullptr)
+            nkex_uninit(handle_);
+    }
+    // The payloads of the events of this name whose text holds `part`.
+    std::vector<nk::json_ptr> events(const std::string& name, const std::string& part) {
+        const std::lock_guard lock(mutex_);
+        std::vector<nk::json_ptr> found;
+        for (const auto& [event, payload] : received_) {
+            if (event == name && payload.find(part) != std::string::npos)
+                found.emplace_back(json_loads(payload.c_str(), 0, nullptr));
+        }
+        return found;
+    }
+
+private:
+    static void on_message(const Message* message, void* context) {
+        auto* self = static_cast<Subscriber*>(context);
+        const std::lock_guard lock(self->mutex_);
+        self->received_.emplace_back(message->name, std::string(message->data, message->length));
+    }
+
+    nkex_handle* handle_ = nullptr;
+    std::mutex mutex_;
+    std::vector<std::pair<std::string, std::string>> received_;
+};
+
+class SifterLanTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0)
+            GTEST_SKIP() << "the simulated LAN needs root (network namespaces)";
+        if (nk::test::run_command("unshare --net --mount true 2>/dev/null") != 0)
+            GTEST_SKIP() << "network namespaces are not available here";
+        for (const char* tool : {"dnsmasq", "dhclient", "busybox", "curl"}) {
+            if (nk::test::run_command(std::string("command -v ") + tool + " >/dev/null") != 0)
+                GTEST_SKIP() << tool << " is not installed (scripts/deps installs it)";
+        }
+        ASSERT_EQ(::mkdir(settings_.c_str(), 0755), 0);
+        ASSERT_TRUE(broker_.start());
+        ASSERT_TRUE(subscriber_.start("sifter-test"));
+        ASSERT_EQ(lan("up --empty"), 0);
+        lan_up_ = true;
+        box_ = lan_output("ns box");
+        ASSERT_FALSE(box_.empty());
+    }
+
+    void TearDown() override {
+        sifter_.stop(SIGTERM);
+        if (!lan_up_)
+            return;
+        const std::string prefix = box_.substr(0, box_.rfind('-'));
+        EXPECT_EQ(lan("down"), 0);
+        std::string left;
+        nk::test::run_command("ip netns list | grep -c '^" + prefix + "-' || true", &left);
+        EXPECT_EQ(left, "0\n") << "namespaces left behind";
+    }
+
+    int lan(const std::string& command) {
+        return nk::test::run_command(std::string(NK_LAN_SCRIPT) + " --dir " + lan_dir_ + " " +
+                                     command + " >/dev/null");
+    }
+    std::string lan_output(const std::string& command) {
+        std::string out;
+        nk::test::run_command(std::string(NK_LAN_SCRIPT) + " --dir " + lan_dir_ + " " + command,
+                              &out);
+        return out.substr(0, out.find('\n'));
+    }
+    int nkset(const std::string& command) {
+        return nk::test::run_command(std::string(NK_NKSET_BIN) + " --settings " + settings_ + " " +
+                                     command);
+    }
+    int browse(const std::string& agent) {
+        return lan("exec laptop curl -s -o /dev/null -A '" + agent + "' http://203.0.113.1/");
+    }
+
+    nk::test::TempDir dir_;
+    std::string settings_ = dir_ / "settings";
+    std::string lan_dir_ = dir_ / "lan";
+    nk::test::TestBroker broker_{dir_.path()};
+    nk::test::ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
+    Subscriber subscriber_;
+    nk::test::DaemonProcess sifter_;
+    bool lan_up_ = false;
+    std::string box_;
+};
+
+TEST_F(SifterLanTest, DhcpAndUserAgentsOfARealClientReachTheBus) {
+    // It follows the roles: the LAN bridge is added once it runs.
+    ASSERT_EQ(nkset("set /network/interfaces/roles/wan0 wan"), 0);
+    ASSERT_EQ(nkset("set /network/interfaces/roles/br-guest guest"), 0);
+    ASSERT_TRUE(sifter_.start({"/usr/sbin/ip", "netns", "exec", box_, NK_NKSIFTER_BIN, "--settings",
+                               settings_, "--broker", broker_.address(), "--log-level", "3"}));
+    ASSERT_TRUE(sifter_.wait_for_line("capturing on br-guest"));
+    ASSERT_EQ(nkset("set /network/interfaces/roles/br-lan lan"), 0);
+    ASSERT_TRUE(sifter_.wait_for_line("capturing on br-lan", 15s));
+    EXPECT_EQ(sifter_.count_lines("capturing on wan0"), 0);
+
+    ASSERT_EQ(lan("add laptop"), 0);
+    const std::string mac = lan_output("exec laptop cat /sys/class/net/eth0/address");
+    ASSERT_TRUE(nk::test::wait_until(
+        [&] { return !subscriber_.events("sifter_dhcp_payload", mac).empty(); }, 30s));
+    const nk::json_ptr dhcp = std::move(subscriber_.events("sifter_dhcp_payload", mac).front());
+    EXPECT_STREQ(nk::json_string_member(dhcp.get(), "netif"), "br-lan");
+    EXPECT_STREQ(nk::json_string_member(dhcp.get(), "source_mac"), mac.c_str());
+    const auto udp = nk::base64_decode(nk::json_string_member(dhcp.get(), "raw_payload"));
+    ASSERT_TRUE(udp && udp->size() > 8);
+    // Its first message is a DISCOVER (v4) or a SOLICIT (v6), from the client's port.
+    const int version = json_integer_value(json_object_get(dhcp.get(), "version"));
+    if (version == 4) {
+        ASSERT_GT(udp->size(), 8u + 240u);
+        EXPECT_EQ(udp->substr(0, 4), std::string("\x00\x44\x00\x43", 4));
+        EXPECT_NE(udp->find(std::string("\x35\x01\x01", 3), 8 + 240), std::string::npos);
+    } else {
+        EXPECT_EQ(version, 6);
+        EXPECT_EQ(udp->substr(0, 4), std::string("\x02\x22\x02\x23", 4));
+        EXPECT_EQ((*udp)[8], 1);
+    }
+
+    // The same agent twice within the minute is one event; the next agent shows both went by.
+    // Once the laptop has its address and route, that is.
+    ASSERT_TRUE(nk::test::wait_until([&] { return browse("nk-test-agent/1.0") == 0; }, 30s));
+    ASSERT_EQ(browse("nk-test-agent/1.0"), 0);
+    ASSERT_EQ(browse("nk-test-agent/2.0"), 0);
+    ASSERT_TRUE(nk::test::wait_until(
+        [&] { return !subscriber_.events("sifter_user_agent", "nk-test-agent/2.0").empty(); },
+        10s));
+    const auto first = subscriber_.events("sifter_user_agent", "nk-test-agent/1.0");
+    ASSERT_EQ(first.size(), 1u);
+    EXPECT_STREQ(nk::json_string_member(first[0].get(), "src_netif"), "br-lan");
+    EXPECT_STREQ(nk::json_string_member(first[0].get(), "src_mac"), mac.c_str());
+    EXPECT_STREQ(nk::json_string_member(first[0].get(), "user_agent"), "nk-test-agent/1.0");
+    const std::string ip = lan_output(
+        "exec laptop sh -c \"ip -4 -o addr show dev eth0 | "
+        "awk '{ print \\$4 }' | cut -d/ -f1\"");
+    EXPECT_STREQ(nk::json_string_member(first[0].get(), "src_ip"), ip.c_str());
+
+    EXPECT_EQ(sifter_.stop(SIGTERM), 0);
+    EXPECT_TRUE(sifter_.wait_for_line("stopping", 0s));
+}
+
+}  // namespace
