@@ -22,6 +22,9 @@
 #include "nk/io.h"
 #include "nk/log.h"
 #include "nkex_mqtt.h"
+#if NK_HAVE_SYSTEMD
+#include <systemd/sd-daemon.h>
+#endif
 #include "stop_signal.h"
 
 #ifndef NK_VERSION
@@ -186,7 +189,7 @@ Instance& instance(int argc, char** argv, std::string_view name, std::string_vie
     }
     if (!frame.parse(argc, argv))
         return frame;
-    log::init(frame.name_, log::Output::Stderr);
+    log::init(frame.name_, log::stderr_is_journal() ? log::Output::Journal : log::Output::Stderr);
     if (frame.log_level_ >= 0)
         log::set_level(frame.log_level_);
     return frame;
@@ -267,6 +270,19 @@ int Instance::run() {
     }
     NK_LOG(log::INFO, "{:s} {:s} starting (pid {:d})", name_, NK_VERSION, ::getpid());
     return run_();
+}
+
+// sd_notify is a no-op without NOTIFY_SOCKET, i.e. anywhere but under a systemd service.
+void notify_ready() {
+#if NK_HAVE_SYSTEMD
+    ::sd_notify(0, "READY=1");
+#endif
+}
+
+void notify_stopping() {
+#if NK_HAVE_SYSTEMD
+    ::sd_notify(0, "STOPPING=1");
+#endif
 }
 
 namespace detail {

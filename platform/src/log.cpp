@@ -1,6 +1,7 @@
 #include "nk/log.h"
 
 #include <execinfo.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -153,6 +154,18 @@ void init(std::string_view program, Output out) {
     }
 }
 
+bool stderr_is_journal() {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    if (stream == nullptr)
+        return false;
+    unsigned long long dev = 0;
+    unsigned long long ino = 0;
+    if (std::sscanf(stream, "%llu:%llu", &dev, &ino) != 2)
+        return false;
+    struct stat st {};
+    return ::fstat(STDERR_FILENO, &st) == 0 && st.st_dev == dev && st.st_ino == ino;
+}
+
 void set_output(Output out) {
     State& s = state();
     ensure_default(s);
@@ -208,6 +221,12 @@ void print(Channel channel, int level, std::string_view text) {
     std::lock_guard lock(s.mutex);
     if (s.output.load() == Output::Syslog) {
         ::syslog(syslog_priority(level), "%s", line.c_str() + line.size() - text.size());
+        return;
+    }
+    if (s.output.load() == Output::Journal) {
+        const std::string entry = fmt::format("<{:d}>{:s}\n", syslog_priority(level), text);
+        std::fwrite(entry.data(), 1, entry.size(), stderr);
+        std::fflush(stderr);
         return;
     }
     (void)channel;

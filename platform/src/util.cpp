@@ -203,7 +203,13 @@ std::string common_path_kind1() {
     const std::size_t slash = path.rfind('/');
     if (slash == std::string::npos)
         return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
+    std::string exe_dir = slash == 0 ? "/" : path.substr(0, slash);
+#if defined(NK_INSTALL_SBINDIR) && defined(NK_INSTALL_LIBEXECDIR)
+    // Installed, the helpers live apart from the programs; in a build tree they sit beside them.
+    if (exe_dir == NK_INSTALL_SBINDIR)
+        return NK_INSTALL_LIBEXECDIR;
+#endif
+    return exe_dir;
 }
 
 long monotonic_seconds() {

@@ -52,6 +52,10 @@ private:
 Instance& instance(int argc, char** argv, std::string_view name,
                    std::string_view synopsis = "[options]");
 
+// Tell a supervising systemd that the service is ready, or going down; nothing elsewhere.
+void notify_ready();
+void notify_stopping();
+
 // The option text shared by every program's --help.
 std::string common_usage();
 

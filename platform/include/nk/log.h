@@ -22,7 +22,12 @@ struct Channel {
     int id = 0;
 };
 
-enum class Output { Stderr, Syslog };
+// Journal: stderr is systemd's journal stream, which stamps time and pid itself and reads
+// the level from a "<N>" prefix.
+enum class Output { Stderr, Syslog, Journal };
+
+// Whether stderr is the journal stream systemd handed this process (JOURNAL_STREAM).
+bool stderr_is_journal();
 
 // Names the default channel and picks the sink. The level comes from NK_LOG_LEVEL
 // (default 2); "/log/levels/<channel>" in the settings store refines it per channel.
