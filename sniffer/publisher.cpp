@@ -101,6 +101,9 @@ void Publisher::run() {
         }
         lock.lock();
     }
+    // What the bus never got is lost: counted with the rest.
+    dropped_ += queue_.size();
+    queue_.clear();
     lock.unlock();
     if (bus_ != nullptr) {
         nkex_uninit(bus_);
