@@ -1,13 +1,17 @@
-// nkdevices: shows and edits the device table.
-//   nkdevices [--devmgmt DIR] [--json] list | get ID | del ID
+// nkdevices: shows and edits the device table, and asks the daemon for device ids.
+//   nkdevices [--devmgmt DIR] [--broker ADDR] [--json] list | get ID | del ID | id MAC IP | watch
 #include <getopt.h>
+#include <signal.h>
 #include <sysexits.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,6 +22,8 @@
 #include "nk/devmgmt.h"
 #include "nk/json.h"
 #include "nk/log.h"
+#include "nk/nkex.h"
+#include "nk/sockutl.h"
 
 namespace {
 
@@ -26,7 +32,8 @@ using nk::devMgmt::Device;
 constexpr int kExitFailure = 1;  // no such record, no table, or a table error
 
 constexpr const char* kSynopsis =
-    "Usage: nkdevices [--devmgmt DIR] [--json] list | get ID | del ID\n";
+    "Usage: nkdevices [--devmgmt DIR] [--broker ADDR] [--json]\n"
+    "                 list | get ID | del ID | id MAC IP | watch\n";
 
 constexpr const char* kHelpText =
     "\n"
@@ -35,15 +42,23 @@ constexpr const char* kHelpText =
     "            online and guest; with --json one compact JSON object a line\n"
     "  get ID    the record of device ID, as JSON\n"
     "  del ID    removes the record of device ID\n"
+    "  id MAC IP asks the daemon over the bus, as another daemon does, which device id the LAN\n"
+    "            client MAC at IP has, and prints the answer: permanent, temporary (not yet\n"
+    "            registered with the cloud) or none (the BOX itself, not on the LAN)\n"
+    "  watch     prints the daemon's notices \"permanent_device_id\" (a temporary id was\n"
+    "            replaced) and \"clear_device_id_cache\" as they come, until interrupted\n"
     "\n"
     "Options:\n"
     "  --devmgmt DIR  the table's directory (default: $NK_DEVMGMT_DIR, else\n"
     "                 /dev/shm/nk-devmgmt); a missing table is never created\n"
-    "  --json         list prints the records as JSON\n"
+    "  --broker ADDR  the bus (default: $NKEX_BROKER, else unix:/run/nk/nkex.sock); the\n"
+    "                 answer is awaited for $NKEX_TIMEOUT_MS (default 10000 ms)\n"
+    "  --json         list, id and watch print JSON, one object a line\n"
     "  -h, --help     show this help\n"
     "  --version      show the version\n"
     "\n"
-    "Exit status: 0 done, 1 no such record, no table or table error, 64 usage.\n";
+    "Exit status: 0 done, 1 no such record, no table, table error, no bus or no answer,\n"
+    "64 usage.\n";
 
 struct Options {
     std::vector<std::string> args;  // command and its operands
@@ -68,13 +83,20 @@ bool set_dir(const char* dir) {
     return ::setenv(nk::kDevmgmtDirEnv, dir, 1) == 0;
 }
 
+bool set_broker(const char* broker) {
+    if (*broker == '\0') {
+        fmt::print(stderr, "nkdevices: --broker needs a non-empty value\n");
+        return false;
+    }
+    return ::setenv(nk::kBrokerEnv, broker, 1) == 0;
+}
+
 // getopt_long names an unknown option itself; empty when the options are wrong.
 std::optional<Options> parse(int argc, char** argv) {
-    static const option kLong[] = {{"devmgmt", required_argument, nullptr, 'd'},
-                                   {"json", no_argument, nullptr, 'j'},
-                                   {"help", no_argument, nullptr, 'h'},
-                                   {"version", no_argument, nullptr, 'V'},
-                                   {nullptr, 0, nullptr, 0}};
+    static const option kLong[] = {
+        {"devmgmt", required_argument, nullptr, 'd'}, {"broker", required_argument, nullptr, 'b'},
+        {"json", no_argument, nullptr, 'j'},          {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},       {nullptr, 0, nullptr, 0}};
     Options opts;
     int c = 0;
     while ((c = ::getopt_long(argc, argv, "h", kLong, nullptr)) != -1) {
@@ -82,6 +104,9 @@ std::optional<Options> parse(int argc, char** argv) {
         switch (c) {
             case 'd':
                 ok = set_dir(optarg);
+                break;
+            case 'b':
+                ok = set_broker(optarg);
                 break;
             case 'j':
                 opts.json = true;
@@ -202,11 +227,163 @@ int del(const std::string& id) {
     return 0;
 }
 
+struct BusDeleter {
+    void operator()(nkex_handle* handle) const { nkex_uninit(handle); }
+};
+using bus_ptr = std::unique_ptr<nkex_handle, BusDeleter>;
+
+struct ResponseDeleter {
+    void operator()(Message* m) const { nkex_free_response(m); }
+};
+using response_ptr = std::unique_ptr<Message, ResponseDeleter>;
+
+// Answers come back to the client id, so each run has its own.
+bus_ptr connect_bus(nkex_msg_callback_t callback, void* context) {
+    const std::string name = fmt::format("nkdevices-{}", ::getpid());
+    bus_ptr bus(nkex_init(name.c_str(), callback, context, 1));
+    if (!bus) {
+        const char* broker = std::getenv(nk::kBrokerEnv);
+        fmt::print(stderr, "nkdevices: cannot reach the bus at {}\n",
+                   broker != nullptr && *broker != '\0' ? broker : nk::kBrokerDefault);
+    }
+    return bus;
+}
+
+std::string string_member(const json_t* json, const char* key) {
+    const char* value = nk::json_string_member(json, key);
+    return value != nullptr ? value : "";
+}
+
+std::string kind_of(const std::string& device_id) {
+    if (device_id.empty())
+        return "none";
+    return device_id.compare(0, nk::kTemporaryDeviceIdPrefix.size(),
+                             nk::kTemporaryDeviceIdPrefix) == 0
+               ? "temporary"
+               : "permanent";
+}
+
+void print_answer(const std::string& mac, const std::string& ip, const std::string& device_id,
+                  bool json) {
+    const std::string kind = kind_of(device_id);
+    if (json) {
+        const nk::json_ptr out(json_pack("{s:s, s:s, s:s, s:s}", "mac", mac.c_str(), "ip",
+                                         ip.c_str(), "device_id", device_id.c_str(), "kind",
+                                         kind.c_str()));
+        fmt::print("{}\n", nk::json_dump_compact(out.get()));
+        return;
+    }
+    fmt::print("mac        {}\nip         {}\ndevice_id  {}\nkind       {}\n", mac, ip,
+               device_id.empty() ? "-" : device_id, kind);
+}
+
+int ask_device_id(const std::string& mac, const std::string& ip, bool json) {
+    const bus_ptr bus = connect_bus(nullptr, nullptr);
+    if (!bus)
+        return kExitFailure;
+    const nk::json_ptr body(json_pack("{s:s, s:s}", "mac", mac.c_str(), "ip", ip.c_str()));
+    const std::string text = nk::json_dump_compact(body.get());
+    Message request{};
+    std::snprintf(request.name, sizeof(request.name), "%s", "request_device_id");
+    request.data = text.data();
+    request.length = text.size();
+    Message* raw = nullptr;
+    if (nkex_send_request_and_wait_response(bus.get(), &request, &raw) != 0) {
+        fmt::print(stderr, "nkdevices: no answer to request_device_id (is the daemon running?)\n");
+        return kExitFailure;
+    }
+    const response_ptr response(raw);
+    json_error_t error;
+    const nk::json_ptr answer(
+        json_loadb(response->data ? response->data : "", response->length, 0, &error));
+    if (std::string(response->status) != NKEX_STATUS_OK || !json_is_object(answer.get())) {
+        fmt::print(stderr, "nkdevices: unexpected answer (status {}): {}\n", response->status,
+                   std::string(response->data ? response->data : "", response->length));
+        return kExitFailure;
+    }
+    print_answer(string_member(answer.get(), "mac"), ip, string_member(answer.get(), "device_id"),
+                 json);
+    return std::fflush(stdout) == 0 ? 0 : kExitFailure;
+}
+
+// The notices are printed by the bus thread, one whole line at a time.
+struct Watch {
+    std::mutex mutex;
+    bool json = false;
+};
+
+void print_notice(const Message* m, void* context) {
+    auto* watch = static_cast<Watch*>(context);
+    const std::string name = m->name;
+    json_error_t error;
+    const nk::json_ptr data(json_loadb(m->data ? m->data : "", m->length, 0, &error));
+    const std::string temp = string_member(data.get(), "temp_device_id");
+    const std::string cloud = string_member(data.get(), "cloud_device_id");
+    const std::lock_guard lock(watch->mutex);
+    if (watch->json) {
+        const nk::json_ptr out(name == "permanent_device_id"
+                                   ? json_pack("{s:s, s:s, s:s}", "event", name.c_str(),
+                                               "temp_device_id", temp.c_str(), "cloud_device_id",
+                                               cloud.c_str())
+                                   : json_pack("{s:s}", "event", name.c_str()));
+        fmt::print("{}\n", nk::json_dump_compact(out.get()));
+    } else if (name == "permanent_device_id") {
+        fmt::print("{}  {} -> {}\n", name, temp, cloud);
+    } else {
+        fmt::print("{}  every cached id is void\n", name);
+    }
+    std::fflush(stdout);
+}
+
+int watch_notices(bool json) {
+    // Blocked before the bus starts its threads, so that only sigwait sees them.
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+    Watch watch;
+    watch.json = json;
+    const bus_ptr bus = connect_bus(print_notice, &watch);
+    if (!bus)
+        return kExitFailure;
+    const char* names[] = {"permanent_device_id", "clear_device_id_cache"};
+    if (nkex_subscribe(bus.get(), names, 2) != 0) {
+        fmt::print(stderr, "nkdevices: could not subscribe to the notices\n");
+        return kExitFailure;
+    }
+    fmt::print(stderr, "nkdevices: watching permanent_device_id and clear_device_id_cache\n");
+    int sig = 0;
+    sigwait(&stop, &sig);
+    return 0;
+}
+
+int run_bus_command(const Options& opts) {
+    nk::log::set_level(nk::log::ERROR);  // the bus says what it does; the tool says it better
+    const std::vector<std::string>& args = opts.args;
+    if (args[0] == "watch") {
+        if (args.size() != 1)
+            return usage_error("wrong arguments for 'watch'");
+        return watch_notices(opts.json);
+    }
+    if (args.size() != 3)
+        return usage_error("wrong arguments for 'id': MAC and IP");
+    const std::optional<nk::sockutl::macaddr> mac = nk::sockutl::macaddr::parse(args[1]);
+    if (!mac || !mac->is_valid())
+        return usage_error("invalid MAC " + args[1]);
+    const std::optional<nk::sockutl::address> ip = nk::sockutl::address::parse(args[2]);
+    if (!ip)
+        return usage_error("invalid IP address " + args[2]);
+    return ask_device_id(mac->to_string(false), ip->to_string(), opts.json);
+}
+
 int run(const Options& opts) {
     const std::vector<std::string>& args = opts.args;
     if (args.empty())
         return usage_error("no command given");
     const std::string& command = args[0];
+    if (command == "id" || command == "watch")
+        return run_bus_command(opts);
     if (command != "list" && command != "get" && command != "del")
         return usage_error("unknown command '" + command + "'");
     if (args.size() != (command == "list" ? 1U : 2U))
