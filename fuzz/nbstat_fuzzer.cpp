@@ -1,0 +1,25 @@
+// A NetBIOS node status answer as the collector reads it, whatever the datagram holds.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "nbstat.h"
+#include "service_messages.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    std::string why;
+    const auto status = nk::collector::nbstat::parse(data, size, why);
+    if (!status) {
+        if (why.empty())
+            __builtin_trap();
+        return 0;
+    }
+    // Every name read lies inside the datagram: 18 bytes each after the 57 of the header.
+    if (57 + status->names.size() * 18 > size)
+        __builtin_trap();
+    const auto table = nk::collector::nbstat::table_of(*status);
+    // Names are made printable, so the line the daemon gets is always valid JSON.
+    if (table && nk::collector::netbios_message("198.51.100.1", *table).empty())
+        __builtin_trap();
+    return 0;
+}
