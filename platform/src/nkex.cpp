@@ -31,6 +31,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "bus_credentials.h"
 #include "nk/io.h"
 #include "nk/log.h"
 #include "nkex_mqtt.h"
@@ -205,6 +206,13 @@ bool nkex_handle::create_client() {
         return false;
     }
     mosquitto_int_option(mosq_.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+    if (const std::optional<nk::BusCredentials> account = nk::read_bus_credentials(client_id_)) {
+        if (mosquitto_username_pw_set(mosq_.get(), account->username.c_str(),
+                                      account->password.c_str()) != MOSQ_ERR_SUCCESS) {
+            NK_LOG(nk::log::ERROR, "{:s}: cannot use its bus account", client_id_);
+            return false;
+        }
+    }
     mosquitto_reconnect_delay_set(mosq_.get(), kReconnectDelaySeconds, kReconnectDelayMaxSeconds,
                                   true);
     mosquitto_connect_v5_callback_set(mosq_.get(), &nkex_handle::on_connect);

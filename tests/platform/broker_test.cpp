@@ -91,4 +91,66 @@ TEST(BrokerTest, ABurstOfQos1EventsWaitsWholeForAnAbsentSubscriber) {
         ASSERT_EQ(tally.seen[static_cast<std::size_t>(i)], 1) << "event " << i;
 }
 
+// A locked-down bus: strangers and wrong passwords are turned away at the door.
+TEST(BrokerAccountsTest, OnlyKnownAccountsGetIn) {
+    nk::test::TempDir scratch;
+    nk::test::TestBroker broker;
+    broker.require_accounts(scratch / "bus");
+    ASSERT_TRUE(broker.start());
+    const nk::test::ScopedEnv bus("NKEX_BROKER", broker.address());
+    const nk::test::ScopedEnv timeout("NKEX_TIMEOUT_MS", "500");
+    {
+        const nk::test::ScopedEnv own("NKEX_CREDENTIALS_DIR", scratch / "bus");
+        EXPECT_TRUE(Bus(nkex_init("nkdevices-42", nullptr, nullptr, 1)));
+        EXPECT_FALSE(Bus(nkex_init("stranger", nullptr, nullptr, 1)));
+    }
+    ASSERT_EQ(nk::test::run_command("mkdir " + (scratch / "forged") + " && echo nkdevices:guess >" +
+                                    (scratch / "forged/nkdevices.cred")),
+              0);
+    const nk::test::ScopedEnv forged("NKEX_CREDENTIALS_DIR", scratch / "forged");
+    EXPECT_FALSE(Bus(nkex_init("nkdevices-42", nullptr, nullptr, 1)));
+}
+
+// Each program publishes only what is its own to say: nobody but the cloud connector answers
+// the daemon's cloud requests or announces inventory changes, nobody but the daemon answers a
+// device-id request.
+TEST(BrokerAccountsTest, EachAccountPublishesOnlyItsOwnTopics) {
+    nk::test::TempDir scratch;
+    nk::test::TestBroker broker;
+    broker.require_accounts(scratch / "bus");
+    ASSERT_TRUE(broker.start());
+    struct Case {
+        const char* account;
+        const char* topic;
+        bool allowed;
+    };
+    const Case cases[] = {
+        {"nkcloudd", "nkex/msg/devmgmt:device_inventory", true},
+        {"nksifter", "nkex/msg/devmgmt:device_inventory", false},
+        {"nkdevices", "nkex/msg/devmgmt:device_inventory", false},
+        {"nkcloudd", "nkex/rsp/nkdevicediscovery", true},
+        {"nksifter", "nkex/rsp/nkdevicediscovery", false},
+        {"nkdevices", "nkex/rsp/nkdevicediscovery", false},
+        {"nksifter", "nkex/msg/sifter_dhcp_payload", true},
+        {"nkdevices", "nkex/msg/sifter_user_agent", false},
+        {"nkdevices", "nkex/msg/request_device_id", true},
+        {"nkdevicediscovery", "nkex/rsp/nkdevices-42", true},
+        {"nkcloudd", "nkex/rsp/nkdevices-42", false},
+        {"nkdevicediscovery", "nkex/msg/permanent_device_id", true},
+        {"nkcloudd", "nkex/msg/permanent_device_id", false},
+        {"nksifter", "nkex/msg/clear_device_id_cache", false},
+    };
+    for (const Case& c : cases) {
+        // mosquitto_pub warns of a publish the broker refused, and exits 0 all the same.
+        std::string out;
+        const std::string command = "mosquitto_pub --unix " + broker.socket_path() +
+                                    " -V 5 -q 1 -m x -t '" + c.topic + "' -u " + c.account +
+                                    " -P \"$(cut -d: -f2- " + (scratch / "bus/") + c.account +
+                                    ".cred)\" 2>&1";
+        ASSERT_EQ(nk::test::run_command(command, &out), 0) << out;
+        EXPECT_EQ(out.find("Not authorized") == std::string::npos, c.allowed)
+            << c.account << " on " << c.topic << ": " << out;
+    }
+}
+
 }  // namespace

@@ -62,8 +62,16 @@ TestBroker::~TestBroker() {
 }
 
 bool TestBroker::write_config(const std::string& file) const {
+    std::string command = std::string(NK_BROKER_CONFIG) + " '" + socket_ + "'";
+    if (!accounts_dir_.empty()) {
+        std::string ignored;
+        if (run_command(std::string(NK_BUS_CREDENTIALS) + " '" + accounts_dir_ + "'", &ignored) !=
+            0)
+            return false;
+        command += " '" + accounts_dir_ + "'";
+    }
     std::string text;
-    if (run_command(std::string(NK_BROKER_CONFIG) + " '" + socket_ + "'", &text) != 0)
+    if (run_command(command, &text) != 0)
         return false;
     std::ofstream out(file, std::ios::trunc);
     out << text;

@@ -18,6 +18,10 @@ public:
     TestBroker(const TestBroker&) = delete;
     TestBroker& operator=(const TestBroker&) = delete;
 
+    // Makes the bus's accounts in `dir` (scripts/bus-credentials) at start: every client must
+    // then log in, and may use only its own topics.
+    void require_accounts(std::string dir) { accounts_dir_ = std::move(dir); }
+
     // Starts mosquitto and waits until its socket accepts connections.
     bool start();
     // SIGTERM, then reaps; a no-op when not running.
@@ -36,6 +40,7 @@ private:
     std::unique_ptr<TempDir> own_dir_;
     std::string dir_;
     std::string socket_;
+    std::string accounts_dir_;
     pid_t pid_ = 0;
 };
 

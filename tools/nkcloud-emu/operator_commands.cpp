@@ -37,7 +37,8 @@ int publish_inventory_event(const char* event, json_t* params) {
     const nk::json_ptr message(
         json_pack("{s:{s:s, s:o}}", "app_fields", "event", event, "event_params", params));
     const std::string text = nk::json_dump_compact(message.get());
-    const std::string client = fmt::format("nkcloud-emu-{}", ::getpid());
+    // The cloud connector's account: nobody else may announce inventory changes.
+    const std::string client = fmt::format("nkcloudd-{}", ::getpid());
     const std::unique_ptr<nkex_handle, BusCloser> bus(
         nkex_init(client.c_str(), nullptr, nullptr, 1));
     if (!bus || text.empty() ||
