@@ -52,7 +52,9 @@ private:
 class LogAllowance {
 public:
     explicit LogAllowance(int per_minute = 10)
-        : bucket_(per_minute, std::chrono::minutes(1) / std::max(per_minute, 1)) {}
+        : bucket_(per_minute, std::chrono::duration_cast<TokenBucket::Clock::duration>(
+                                  std::chrono::minutes(1)) /
+                                  std::max(per_minute, 1)) {}
 
     // True when the line may be logged; `held` is then the number held back before it.
     bool allow(int& held) {
