@@ -37,7 +37,8 @@ done
 units=(nkex-broker nkdevicediscovery nksifter nkcloud-emu)
 expected=(
   usr/sbin/nkdevicediscovery usr/sbin/nksifter usr/libexec/nkdevicediscovery/nkdevinfo
-  usr/libexec/nkdevicediscovery/broker-config usr/bin/nkset usr/bin/nkdevices usr/bin/nkcloud-emu
+  usr/libexec/nkdevicediscovery/broker-config usr/libexec/nkdevicediscovery/bus-credentials
+  usr/bin/nkset usr/bin/nkdevices usr/bin/nkcloud-emu
   usr/share/man/man8/nkdevicediscovery.8 usr/share/man/man8/nkdevinfo.8
   usr/share/man/man8/nksifter.8 usr/share/man/man1/nkset.1 usr/share/man/man1/nkdevices.1
   usr/share/man/man1/nkcloud-emu.1 usr/share/doc/nkdevicediscovery/openwrt/nkdevicediscovery.init
@@ -63,7 +64,8 @@ done <<<"$verify"
 
 # The installed broker, with the configuration its unit makes.
 socket=$tmp/nkex.sock
-"$root/usr/libexec/nkdevicediscovery/broker-config" "$socket" >"$tmp/mosquitto.conf"
+"$root/usr/libexec/nkdevicediscovery/bus-credentials" "$tmp/bus"
+"$root/usr/libexec/nkdevicediscovery/broker-config" "$socket" "$tmp/bus" >"$tmp/mosquitto.conf"
 broker=(mosquitto -c "$tmp/mosquitto.conf")
 if [[ $(id -u) -eq 0 ]]; then
   chmod 755 "$tmp"
@@ -87,7 +89,7 @@ pids+=($!)
 for _ in $(seq 100); do [[ -S "$tmp/notify" ]] && break; sleep 0.05; done
 : >"$tmp/daemon.log"
 journal=$(stat -c '%d:%i' "$tmp/daemon.log")
-NOTIFY_SOCKET=$tmp/notify JOURNAL_STREAM=$journal \
+NOTIFY_SOCKET=$tmp/notify JOURNAL_STREAM=$journal NKEX_CREDENTIALS_DIR=$tmp/bus \
   NK_LIBEXEC_DIR=$root/usr/libexec/nkdevicediscovery ASAN_OPTIONS=detect_leaks=0 \
   "$root/usr/sbin/nkdevicediscovery" -f --settings "$tmp/settings" --devmgmt "$tmp/devmgmt" \
   --broker "unix:$socket" --log-level 3 2>>"$tmp/daemon.log" &
@@ -96,6 +98,9 @@ pids+=($daemon)
 wait_for "READY=1" "$tmp/notify.log"
 grep -q "disco ready" "$tmp/daemon.log" || fail "ready before 'disco ready': $(cat "$tmp/daemon.log")"
 grep -q '^<7>.*disco ready' "$tmp/daemon.log" || fail "no journal level: $(head -3 "$tmp/daemon.log")"
+if grep -q "refused" "$tmp/daemon.log"; then
+  fail "the broker refused the daemon: $(grep refused "$tmp/daemon.log")"
+fi
 kill -TERM "$daemon"
 status=0
 wait "$daemon" || status=$?
