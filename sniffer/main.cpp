@@ -163,7 +163,8 @@ int main(int argc, char** argv) {
     }
     if (opts.interfaces.empty() && !store_exists())
         return 1;
-    nk::log::init("nksifter", nk::log::Output::Stderr);
+    nk::log::init("nksifter", nk::log::stderr_is_journal() ? nk::log::Output::Journal
+                                                           : nk::log::Output::Stderr);
     if (opts.log_level >= 0)
         nk::log::set_level(opts.log_level);
     if (!block_stop_signals()) {
