@@ -14,8 +14,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             __builtin_trap();
         return 0;
     }
-    // Every name read lies inside the datagram: 18 bytes each after the 57 of the header.
-    if (57 + status->names.size() * 18 > size)
+    // Every name read lies inside the datagram: 18 bytes each after the 12-byte header, the
+    // answer's name (one byte at least), its 10 bytes of type to length and the name count.
+    if (12 + 1 + 10 + 1 + status->names.size() * 18 > size)
         __builtin_trap();
     const auto table = nk::collector::nbstat::table_of(*status);
     // Names are made printable, so the line the daemon gets is always valid JSON.
