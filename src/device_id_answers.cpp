@@ -1,6 +1,8 @@
 #include "device_id_answers.h"
 
+#include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -8,15 +10,30 @@
 
 #include "globals.h"
 #include "network_info.h"
-#include "subprocess_messages.h"
 #include "utils.h"
 
 namespace {
 
-std::mutex g_waiting_mutex;
-bool g_waiting = false;
+std::mutex g_published_mutex;
+bool g_open = false;
 // mac_key to the permanent id of the device that carries the MAC.
 std::unordered_map<std::string, std::string> g_known_ids;
+
+// Main loop only.
+bool g_loop_open = false;
+std::size_t g_published_signature = 0;
+
+// Changes with any device id or cloud MAC of the inventory; cheaper than the map itself.
+std::size_t inventory_signature() {
+    const std::hash<std::string> hash;
+    std::size_t signature = g_devices.size();
+    for (const Device& device : g_devices) {
+        signature = signature * 1000003 ^ hash(device.cloud.device_id);
+        for (const auto& entry : device.cloud.macs)
+            signature = signature * 1000003 ^ hash(entry.first);
+    }
+    return signature;
+}
 
 // The first device listing a MAC wins, as in find_device_by_mac.
 std::unordered_map<std::string, std::string> permanent_ids() {
@@ -31,19 +48,25 @@ std::unordered_map<std::string, std::string> permanent_ids() {
     return ids;
 }
 
-std::optional<std::string> known_id(const macaddr& mac) {
-    const std::lock_guard lock(g_waiting_mutex);
-    if (!g_waiting)
+void publish(std::unordered_map<std::string, std::string> ids, bool open) {
+    const std::lock_guard lock(g_published_mutex);
+    g_known_ids.swap(ids);
+    g_open = open;
+}  // the old map is freed outside the lock
+
+bool published_open() {
+    const std::lock_guard lock(g_published_mutex);
+    return g_open;
+}
+
+std::optional<std::string> published_id(const macaddr& mac) {
+    const std::lock_guard lock(g_published_mutex);
+    if (!g_open)
         return std::nullopt;
     const auto it = g_known_ids.find(mac_key(mac));
     if (it == g_known_ids.end())
         return std::nullopt;
     return it->second;
-}
-
-bool cloud_waits() {
-    const std::lock_guard lock(g_waiting_mutex);
-    return g_waiting;
 }
 
 }  // namespace
@@ -52,30 +75,32 @@ bool is_valid_device_id_request(const macaddr& mac, const address& ip) {
     return mac.is_valid() && !is_on_box(mac.to_string(false)) && is_in_subnet(ip.to_string());
 }
 
-CloudWait::CloudWait() {
-    // Before the first leases every request waits for them, whoever holds the loop.
-    if (!leases_received())
+void set_device_id_answers(bool open) {
+    if (!open) {
+        if (g_loop_open)
+            publish({}, false);
+        g_loop_open = false;
         return;
-    std::unordered_map<std::string, std::string> ids = permanent_ids();
-    const std::lock_guard lock(g_waiting_mutex);
-    g_known_ids.swap(ids);
-    g_waiting = true;
-    published_ = true;
-}
-
-CloudWait::~CloudWait() {
-    if (!published_)
-        return;
-    std::unordered_map<std::string, std::string> ids;
-    {
-        const std::lock_guard lock(g_waiting_mutex);
-        g_waiting = false;
-        g_known_ids.swap(ids);
     }
+    const bool was_open = g_loop_open;
+    g_loop_open = true;
+    if (!was_open)
+        g_published_signature = inventory_signature() + 1;  // publish whatever it is
+    refresh_device_id_answers();
 }
 
-bool answer_while_cloud_waits(const DeviceIdRequest& request) {
-    if (!cloud_waits())
+void refresh_device_id_answers() {
+    if (!g_loop_open)
+        return;
+    const std::size_t signature = inventory_signature();
+    if (signature == g_published_signature)
+        return;
+    publish(permanent_ids(), true);
+    g_published_signature = signature;
+}
+
+bool answer_from_published_ids(const DeviceIdRequest& request) {
+    if (!published_open())
         return false;
     const macaddr mac = get_real_mac(request.mac, request.ip);
     const std::string mac_text = mac.to_string(false);
@@ -84,7 +109,7 @@ bool answer_while_cloud_waits(const DeviceIdRequest& request) {
         send_device_id_response(mac_text.c_str(), "", request.request_id);
         return true;
     }
-    const std::optional<std::string> device_id = known_id(mac);
+    const std::optional<std::string> device_id = published_id(mac);
     if (!device_id)
         return false;  // a temporary id and its registration are the loop's business
     NK_LOG(nk::log::DEBUG, "mac={}, device_id={:s}", mac, *device_id);

@@ -331,7 +331,7 @@ void handle_event_request_device_id(const Message* message) {
     }
     NK_LOG(nk::log::INFO, "mac={:s}, ip={:s}", mac, ip);
     DeviceIdRequest request{macaddr(mac), address(ip), message->id};
-    if (answer_while_cloud_waits(request))
+    if (answer_from_published_ids(request))
         return;
     // Refused: "none known" at once beats an answer that never comes.
     if (!enqueue(g_devid_requests, g_devid_requests_mutex, kMaxQueuedDeviceIdRequests,

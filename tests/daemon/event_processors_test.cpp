@@ -15,6 +15,7 @@
 #include <fmt/format.h>
 #include <nk/constants.h>
 
+#include "device_id_answers.h"
 #include "event_processors.h"
 #include "network_info.h"
 #include "nkex_callbacks.h"
@@ -160,6 +161,7 @@ TEST_F(EventProcessorsTest, EveryRequestIsAnsweredAfterTheFirstLeasesAndUnknownM
 
 TEST_F(EventProcessorsTest, KnownMacsAreAnsweredWhileTheLoopWaitsOnTheCloud) {
     set_leases_received(true);
+    set_device_id_answers(true);            // as the active loop does before it waits
     cloud_.set("connect_device", nullptr);  // answered by hand below
     ask(kUnknown.to_string(false), "192.168.1.30");
     ASSERT_TRUE(nk::test::wait_until([] { return queued_requests() == 1; }));
