@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -80,6 +81,13 @@ void NetbiosScanner::schedule() {
     });
 }
 
+std::chrono::seconds NetbiosScanner::next_question(const Host& host) const {
+    if (host.answered)
+        return limits_.every;
+    const int doublings = std::min(host.unanswered, 8);
+    return std::min(limits_.every, limits_.first_retry * (1 << doublings));
+}
+
 void NetbiosScanner::probe() {
     const Clock::time_point now = Clock::now();
     for (auto& [ip, host] : hosts_) {
@@ -88,8 +96,10 @@ void NetbiosScanner::probe() {
         if (!tokens_.take(now))
             break;
         host.transaction = next_transaction_++;
+        if (host.asked)
+            ++host.unanswered;
         host.asked = true;
-        host.next = now + limits_.every;
+        host.next = now + next_question(host);
         const std::vector<std::uint8_t> query = nbstat::query(host.transaction);
         sockaddr_in to{};
         to.sin_family = AF_INET;
@@ -127,6 +137,8 @@ void NetbiosScanner::read_answers() {
             continue;
         }
         host->second.asked = false;
+        host->second.answered = true;
+        host->second.unanswered = 0;
         const std::optional<nbstat::Table> table = nbstat::table_of(*status);
         if (!table) {
             NK_LOG(nk::log::DEBUG, "NetBIOS host {} has no usable name", sender);

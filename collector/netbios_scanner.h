@@ -21,7 +21,10 @@ namespace nk::collector {
 
 struct NetbiosLimits {
     std::chrono::seconds every{300};  // a host is asked again after this
-    int burst = 16;                   // probes at once, then one every `spacing`
+    // A host that never answered (its nmbd may still be starting) is asked again after this,
+    // doubled each time, up to `every`.
+    std::chrono::seconds first_retry{15};
+    int burst = 16;  // probes at once, then one every `spacing`
     std::chrono::milliseconds spacing{250};
     std::size_t max_hosts = 1024;
 };
@@ -44,8 +47,11 @@ private:
         Clock::time_point next{};
         std::uint16_t transaction = 0;
         bool asked = false;
+        bool answered = false;  // ever
+        int unanswered = 0;     // questions in a row without an answer
     };
 
+    std::chrono::seconds next_question(const Host& host) const;
     void probe();
     void schedule();
     void read_answers();
