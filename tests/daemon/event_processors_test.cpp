@@ -15,6 +15,7 @@
 #include <fmt/format.h>
 #include <nk/constants.h>
 
+#include "cloud_request.h"
 #include "device_id_answers.h"
 #include "event_processors.h"
 #include "network_info.h"
@@ -252,6 +253,10 @@ TEST_F(EventProcessorsTest, CachedUserAgentsAndFingerprintsAreNotSentAgain) {
         }
         process_event_pipe();
     }
+    // The submissions are asynchronous; a synchronous request behind them arrives after them.
+    nk::json_ptr answer;
+    const nk::json_ptr body(json_object());
+    EXPECT_TRUE(cloud_request(kCloudSetDeviceOnbox, body.get(), &answer));
     EXPECT_EQ(sent_of("set_device_type"), 1u);
     EXPECT_EQ(sent_of("set_device_additional_info"), 1u);
     EXPECT_EQ(g_hostnames[kKnown], "tv-3");
