@@ -6,7 +6,6 @@
 
 #include <nk/log.h>
 
-#include "device_id_answers.h"
 #include "globals.h"
 
 namespace {
@@ -37,7 +36,6 @@ bool cloud_request(const char* destination, const json_t* body, nk::json_ptr* re
     request.length = std::strlen(text.get());
 
     Message* raw = nullptr;
-    refresh_device_id_answers();  // known clients are answered while this waits
     if (nkex_send_request_and_wait_response(g_nkex, &request, &raw) != 0) {
         NK_LOG(nk::log::WARN, "{:s} failed", destination);
         return false;

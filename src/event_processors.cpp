@@ -165,7 +165,6 @@ void register_pending_device(Device& device) {
     NK_LOG(nk::log::DEBUG, "Creating device for mac {}", mac);
     const nk::ip_set ips = device.local.macips.get_ips(mac, true);
     const bool guest = std::any_of(ips.begin(), ips.end(), is_in_guest);
-    refresh_device_id_answers();  // the registration's store writes take a while
     device.connect_device(guest ? 1 : 0);
     // A failed registration drops the device: its next sighting queues it again.
     if (!device.cloud.device_id.empty())

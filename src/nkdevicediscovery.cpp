@@ -27,7 +27,6 @@
 #include <nk/util.h>
 
 #include "additional_info.h"
-#include "device_id_answers.h"
 #include "event_processors.h"
 #include "globals.h"
 #include "network_info.h"
@@ -328,7 +327,6 @@ bool inventory_loaded() {
 // Arms what the phase allows before the wait.
 void prepare_turn(Loop& loop) {
     if (!has_wan) {
-        set_device_id_answers(false);
         deactivate(loop);
         return;
     }
@@ -337,10 +335,8 @@ void prepare_turn(Loop& loop) {
         nk::time::timer_stop(load_timer);
         nk::io::epoll_del_fd(loop.epoll, load_timer);
         activate(loop);
-        set_device_id_answers(leases_received());
         return;
     }
-    set_device_id_answers(false);
     nk::io::epoll_set_fd_ro(loop.epoll, load_timer);
     nk::time::timer_start(load_timer, 0, 2, false);
     deactivate(loop);

@@ -17,7 +17,6 @@
 #include <nk/log.h>
 #include <nk/util.h>
 
-#include "device_id_answers.h"
 #include "globals.h"
 #include "network_info.h"
 #include "nkdhcpparser.h"
@@ -331,8 +330,6 @@ void handle_event_request_device_id(const Message* message) {
     }
     NK_LOG(nk::log::INFO, "mac={:s}, ip={:s}", mac, ip);
     DeviceIdRequest request{macaddr(mac), address(ip), message->id};
-    if (answer_from_published_ids(request))
-        return;
     // Refused: "none known" at once beats an answer that never comes.
     if (!enqueue(g_devid_requests, g_devid_requests_mutex, kMaxQueuedDeviceIdRequests,
                  g_devid_overflow, std::move(request))) {

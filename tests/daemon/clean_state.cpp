@@ -4,7 +4,6 @@
 
 #include <memory>
 
-#include "device_id_answers.h"
 #include "globals.h"
 #include "network_info.h"
 #include "subprocess_messages.h"
@@ -35,7 +34,6 @@ void reset_daemon_state() {
     g_device_id.clear();
     g_now = 0;
     set_leases_received(false);
-    set_device_id_answers(false);
     {
         const std::lock_guard lock(g_interfaces_mutex);
         g_interfaces.clear();

@@ -9,14 +9,12 @@
 #include <atomic>
 #include <deque>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <fmt/format.h>
 #include <nk/constants.h>
 
 #include "cloud_request.h"
-#include "device_id_answers.h"
 #include "event_processors.h"
 #include "network_info.h"
 #include "nkex_callbacks.h"
@@ -158,31 +156,6 @@ TEST_F(EventProcessorsTest, EveryRequestIsAnsweredAfterTheFirstLeasesAndUnknownM
     ASSERT_TRUE(nk::test::wait_until([&] { return !notices().empty(); }));
     EXPECT_EQ(notices()[0],
               fmt::format(R"({{"temp_device_id": "{}", "cloud_device_id": "d-1"}})", temporary));
-}
-
-TEST_F(EventProcessorsTest, KnownMacsAreAnsweredWhileTheLoopWaitsOnTheCloud) {
-    set_leases_received(true);
-    set_device_id_answers(true);            // as the active loop does before it waits
-    cloud_.set("connect_device", nullptr);  // answered by hand below
-    ask(kUnknown.to_string(false), "192.168.1.30");
-    ASSERT_TRUE(nk::test::wait_until([] { return queued_requests() == 1; }));
-    std::atomic<bool> pass_done{false};
-    std::thread loop([&] {
-        process_event_pipe();
-        pass_done = true;
-    });
-    ASSERT_TRUE(nk::test::wait_until([&] { return sent_of("connect_device") == 1; }));
-
-    Asked& known = ask(kKnown.to_string(false), "192.168.1.20");
-    Asked& outside = ask(kKnown.to_string(false), "10.9.9.9");
-    const bool both = nk::test::wait_until([&] { return known.answered && outside.answered; });
-    const bool waiting = !pass_done;
-    cloud_.answer(0, nk::test::id_answer("d-1"));
-    loop.join();
-    EXPECT_TRUE(both && waiting) << "answers waited for the registration";
-    EXPECT_EQ(known.answer, answer_of(kKnown.to_string(false), "d-7"));
-    EXPECT_EQ(outside.answer, answer_of(kKnown.to_string(false), ""));
-    EXPECT_EQ(queued_requests(), 0u);
 }
 
 TEST_F(EventProcessorsTest, AFullQueueAnswersAtOnceWithNoIdAndSaysSoOnce) {
