@@ -145,7 +145,7 @@ def main(fields_json, dissection_txt, clients_file, header, corpus):
 namespace nk::test {
 
 struct CapturedDhcp {
-    const char* name;        // client and message type
+    const char* name;  // client and message type
     bool v6;
     const char* source_mac;  // of the frame
     const char* udp;         // UDP header and payload, hex

@@ -7,7 +7,7 @@
 namespace nk::test {
 
 struct CapturedDhcp {
-    const char* name;        // client and message type
+    const char* name;  // client and message type
     bool v6;
     const char* source_mac;  // of the frame
     const char* udp;         // UDP header and payload, hex
