@@ -43,9 +43,7 @@ std::time_t utc(int y, int mo, int d, int h, int mi) {
 TEST(LeaseReaders, RealFiles) {
     const std::string dnsmasq = data("dnsmasq.leases");
     const std::string isc = data("dhcpd.leases");
-    EXPECT_EQ(detect_lease_format(dnsmasq), LeaseFormat::Dnsmasq);
-    EXPECT_EQ(detect_lease_format(isc), LeaseFormat::Isc);
-
+    // read_lease_text finds each format by itself.
     const struct {
         const std::string& text;
         std::time_t now;

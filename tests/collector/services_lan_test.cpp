@@ -3,15 +3,14 @@
 // hostile UPnP peer whose descriptions never come or never end. Needs root.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
+#include <algorithm>
 #include <csignal>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "daemon_process.h"
+#include "lan.h"
 #include "temp_dir.h"
 #include "wait.h"
 
@@ -22,98 +21,58 @@ using namespace std::chrono_literals;
 class CollectorServicesLanTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (::geteuid() != 0)
-            GTEST_SKIP() << "the simulated LAN needs root (network namespaces)";
-        if (nk::test::run_command("unshare --net --mount true 2>/dev/null") != 0)
-            GTEST_SKIP() << "network namespaces are not available here";
-        for (const char* tool : {"dnsmasq", "avahi-daemon", "dbus-daemon", "minidlnad", "nmbd"}) {
-            if (nk::test::run_command(std::string("command -v ") + tool + " >/dev/null") != 0)
-                GTEST_SKIP() << tool << " is not installed (scripts/deps installs it)";
-        }
-        ASSERT_EQ(lan("up --empty"), 0);
-        up_ = true;
-        ASSERT_EQ(lan("add laptop --serve mdns,netbios"), 0);
-        ASSERT_EQ(lan("add camera --client udhcpc --serve upnp"), 0);
-        ASSERT_EQ(lan("add tarpit --client udhcpc"), 0);
-        for (const char* role : {"br-lan lan", "br-guest guest", "wan0 wan"}) {
-            std::istringstream in(role);
-            std::string name, value;
-            in >> name >> value;
-            set("/network/interfaces/roles/" + name, value);
-        }
+        const std::string why = nk::test::Lan::unavailable(
+            {"dnsmasq", "avahi-daemon", "dbus-daemon", "minidlnad", "nmbd"});
+        if (!why.empty())
+            GTEST_SKIP() << why;
+        ASSERT_TRUE(lan_.up("--empty"));
+        ASSERT_EQ(lan_.run("add laptop --serve mdns,netbios"), 0);
+        ASSERT_EQ(lan_.run("add camera --client udhcpc --serve upnp"), 0);
+        ASSERT_EQ(lan_.run("add tarpit --client udhcpc"), 0);
+        set("/network/interfaces/roles/br-lan", "lan");
+        set("/network/interfaces/roles/br-guest", "guest");
+        set("/network/interfaces/roles/wan0", "wan");
         set("/network/dhcp/lease_files", dir_ / "lan/dnsmasq.leases");
     }
 
     void TearDown() override {
         collector_.stop(SIGTERM);
-        if (up_) {
-            EXPECT_EQ(lan("down"), 0);
-        }
+        lan_.down();
     }
 
-    int lan(const std::string& command, std::string* out = nullptr) {
-        return nk::test::run_command(std::string(NK_LAN_SCRIPT) + " --dir " + (dir_ / "lan") + " " +
-                                         command + (out ? "" : " >/dev/null"),
-                                     out);
-    }
-    // A client's IPv4 address, once it has one.
-    std::string ipv4_of(const std::string& client) {
-        std::string ip;
-        nk::test::wait_until(
-            [&] {
-                lan("exec " + client +
-                        " sh -c \"ip -4 -o addr show dev eth0 | awk '{print \\$4}' | cut -d/ -f1\"",
-                    &ip);
-                return !ip.empty();
-            },
-            30s);
-        return ip.substr(0, ip.find('\n'));
-    }
     void set(const std::string& key, const std::string& value) {
         const std::string path = (dir_ / "settings") + key;
         ASSERT_EQ(nk::test::run_command("mkdir -p " + path), 0);
         std::ofstream(path + "/.value") << value;
     }
-    std::vector<std::string> lines() {
-        std::ifstream in(dir_ / "out");
-        std::vector<std::string> all;
-        for (std::string line; std::getline(in, line);)
-            all.push_back(line);
-        return all;
-    }
-    // Whether some line holds every one of `parts`.
+    // Whether some line of its output holds every one of `parts`.
     bool said(const std::vector<std::string>& parts) {
-        for (const std::string& line : lines()) {
-            bool all = true;
-            for (const std::string& part : parts)
-                all = all && line.find(part) != std::string::npos;
-            if (all)
+        std::ifstream in(dir_ / "out");
+        for (std::string line; std::getline(in, line);) {
+            const auto has = [&](const std::string& part) { return line.find(part) != line.npos; };
+            if (std::all_of(parts.begin(), parts.end(), has))
                 return true;
         }
         return false;
     }
 
     nk::test::TempDir dir_;
-    bool up_ = false;
+    nk::test::Lan lan_{NK_LAN_SCRIPT, dir_ / "lan"};
     nk::test::DaemonProcess collector_;
 };
 
 TEST_F(CollectorServicesLanTest, ReportsWhatThePeersAnnounce) {
-    const std::string laptop = ipv4_of("laptop");
-    const std::string camera = ipv4_of("camera");
-    const std::string tarpit = ipv4_of("tarpit");
+    const std::string laptop = lan_.ipv4_of("laptop");
+    const std::string camera = lan_.ipv4_of("camera");
+    const std::string tarpit = lan_.ipv4_of("tarpit");
     ASSERT_FALSE(laptop.empty() || camera.empty() || tarpit.empty());
-    std::string box;
-    ASSERT_EQ(lan("ns box", &box), 0);
-    box = box.substr(0, box.find('\n'));
     // The hostile peer announces first: its fetches are under way while the rest is found.
-    ASSERT_EQ(nk::test::run_command(std::string(NK_LAN_SCRIPT) + " --dir " + (dir_ / "lan") +
-                                    " exec tarpit setsid " + NK_TARPIT + " " + tarpit +
+    ASSERT_EQ(nk::test::run_command(lan_.command("exec tarpit setsid ") + NK_TARPIT + " " + tarpit +
                                     " >/dev/null 2>&1 &"),
               0);
     ASSERT_TRUE(collector_.start(
         {"/bin/sh", "-c",
-         "exec ip netns exec " + box + " env DBUS_SYSTEM_BUS_ADDRESS=unix:path=" +
+         "exec ip netns exec " + lan_.box() + " env DBUS_SYSTEM_BUS_ADDRESS=unix:path=" +
              (dir_ / "lan/box-mdns/bus") + " " + NK_NKDEVINFO_BIN + " -internal --settings " +
              (dir_ / "settings") + " --log-level 3 >" + (dir_ / "out")}));
 

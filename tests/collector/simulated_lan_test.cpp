@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <map>
@@ -15,6 +14,7 @@
 #include <nk/json.h>
 
 #include "daemon_process.h"
+#include "lan.h"
 #include "temp_dir.h"
 #include "test_broker.h"
 #include "wait.h"
@@ -45,31 +45,23 @@ bool starts_with(const std::string& s, const char* prefix) {
 class SimulatedLanTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (::geteuid() != 0)
-            GTEST_SKIP() << "the simulated LAN needs root (network namespaces)";
-        // Root in a container may still be refused namespaces.
-        if (nk::test::run_command("unshare --net --mount true 2>/dev/null") != 0)
-            GTEST_SKIP() << "network namespaces are not available here";
-        for (const char* tool : {"dnsmasq", "dhclient", "udhcpc", "dhcpcd", "busybox"}) {
-            if (nk::test::run_command(std::string("command -v ") + tool + " >/dev/null") != 0)
-                GTEST_SKIP() << tool << " is not installed (scripts/deps installs it)";
-        }
+        const std::string why =
+            nk::test::Lan::unavailable({"dnsmasq", "dhclient", "udhcpc", "dhcpcd", "busybox"});
+        if (!why.empty())
+            GTEST_SKIP() << why;
         ASSERT_EQ(::mkdir(settings_.c_str(), 0755), 0);
         ASSERT_TRUE(broker_.start());
-        ASSERT_EQ(lan("up"), 0);
-        lan_up_ = true;
-        box_ = lan_output("ns box");
-        ASSERT_FALSE(box_.empty());
+        ASSERT_TRUE(lan_.up());
         for (const char* setting :
              {"/network/interfaces/roles/wan0 wan", "/network/interfaces/roles/br-lan lan",
               "/network/interfaces/roles/br-guest guest"}) {
             ASSERT_EQ(nkset(std::string("set ") + setting), 0);
         }
-        ASSERT_EQ(nkset("set /network/dhcp/lease_files " + lan_dir_ + "/dnsmasq.leases"), 0);
+        ASSERT_EQ(nkset("set /network/dhcp/lease_files " + lan_.dir() + "/dnsmasq.leases"), 0);
         ASSERT_TRUE(cloud_.start({NK_CLOUD_EMU_BIN, "-f", "--settings", settings_, "--broker",
                                   broker_.address(), "--db", db_, "serve"}));
         ASSERT_TRUE(cloud_.wait_for_line("cloud ready"));
-        ASSERT_TRUE(daemon_.start({"/usr/sbin/ip", "netns", "exec", box_, NK_DAEMON_BIN, "-f",
+        ASSERT_TRUE(daemon_.start({"/usr/sbin/ip", "netns", "exec", lan_.box(), NK_DAEMON_BIN, "-f",
                                    "--settings", settings_, "--devmgmt", devmgmt_, "--broker",
                                    broker_.address(), "--log-level", "4"}));
     }
@@ -78,29 +70,11 @@ protected:
         daemon_.stop(SIGTERM);
         cloud_.stop(SIGTERM);
         nk::devMgmt::close_table();
-        if (!lan_up_)
-            return;
-        const std::string prefix = box_.substr(0, box_.rfind('-'));
-        EXPECT_EQ(lan("down"), 0);
-        std::string left;
-        nk::test::run_command("ip netns list | grep -c '^" + prefix + "-' || true", &left);
-        EXPECT_EQ(left, "0\n") << "namespaces left behind";
+        lan_.down();
     }
 
-    int lan(const std::string& command) {
-        return nk::test::run_command(std::string(NK_LAN_SCRIPT) + " --dir " + lan_dir_ + " " +
-                                     command + " >/dev/null");
-    }
-    std::string lan_output(const std::string& command) {
-        std::string out;
-        nk::test::run_command(std::string(NK_LAN_SCRIPT) + " --dir " + lan_dir_ + " " + command,
-                              &out);
-        return out.substr(0, out.find('\n'));
-    }
     std::string client_mac(const std::string& name) {
-        std::string mac;
-        nk::test::run_command("cat " + lan_dir_ + "/clients/" + name + "/mac", &mac);
-        return mac.substr(0, mac.find('\n'));
+        return lan_.first_line("exec " + name + " cat /sys/class/net/eth0/address");
     }
     int nkset(const std::string& command) {
         return nk::test::run_command(std::string(NK_NKSET_BIN) + " --settings " + settings_ + " " +
@@ -134,14 +108,12 @@ protected:
     std::string settings_ = dir_ / "settings";
     std::string devmgmt_ = dir_ / "devmgmt";
     std::string db_ = dir_ / "cloud.db";
-    std::string lan_dir_ = dir_ / "lan";
     nk::test::ScopedEnv devmgmt_env_{"NK_DEVMGMT_DIR", devmgmt_};
     nk::test::ScopedEnv settings_env_{"NK_SETTINGS_DIR", settings_};
     nk::test::TestBroker broker_{dir_.path()};
+    nk::test::Lan lan_{NK_LAN_SCRIPT, dir_ / "lan"};
     nk::test::DaemonProcess cloud_;
     nk::test::DaemonProcess daemon_;
-    bool lan_up_ = false;
-    std::string box_;
 };
 
 TEST_F(SimulatedLanTest, EveryClientIsDiscoveredFollowedAndKeptWhenItRotatesItsMac) {
@@ -175,15 +147,15 @@ TEST_F(SimulatedLanTest, EveryClientIsDiscoveredFollowedAndKeptWhenItRotatesItsM
     }
 
     // A phone that takes a random MAC stays the device it was.
-    ASSERT_EQ(lan("rotate phone"), 0);
+    ASSERT_EQ(lan_.run("rotate phone"), 0);
     const std::string fake = client_mac("phone");
     ASSERT_TRUE(daemon_.wait_for_line(R"("fake_mac":")" + fake + R"(")", 30s));
     EXPECT_FALSE(record_of(macaddr(fake)).has_value());
     EXPECT_TRUE(discovered(kClients[2], macs["phone"]));
 
     // A client that leaves goes offline; one that joins appears.
-    ASSERT_EQ(lan("del camera"), 0);
-    ASSERT_EQ(lan("add tv --client udhcpc"), 0);
+    ASSERT_EQ(lan_.run("del camera"), 0);
+    ASSERT_EQ(lan_.run("add tv --client udhcpc"), 0);
     const Client tv{"tv", false, "198.51.100.", "2001:db8:1:"};
     EXPECT_TRUE(
         nk::test::wait_until([&] { return discovered(tv, macaddr(client_mac("tv"))); }, 60s));
@@ -196,10 +168,10 @@ TEST_F(SimulatedLanTest, EveryClientIsDiscoveredFollowedAndKeptWhenItRotatesItsM
 
     // Another DHCP server's LAN: the neighbour table alone shows the same clients.
     std::string external;
-    ASSERT_EQ(
-        nk::test::run_command(
-            "ip netns exec " + box_ + " " + NK_NKDEVINFO_BIN + " -external --once", &external),
-        0);
+    ASSERT_EQ(nk::test::run_command(
+                  "ip netns exec " + lan_.box() + " " + NK_NKDEVINFO_BIN + " -external --once",
+                  &external),
+              0);
     for (const std::string name : {"laptop", "visitor", "tv"})
         EXPECT_NE(external.find(client_mac(name)), std::string::npos) << name << ": " << external;
 }

@@ -17,6 +17,7 @@
 #include <nk/util.h>
 
 #include "daemon_process.h"
+#include "lan.h"
 #include "temp_dir.h"
 #include "test_broker.h"
 #include "wait.h"
@@ -93,76 +94,52 @@ private:
 class SifterLanTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (::geteuid() != 0)
-            GTEST_SKIP() << "the simulated LAN needs root (network namespaces)";
-        if (nk::test::run_command("unshare --net --mount true 2>/dev/null") != 0)
-            GTEST_SKIP() << "network namespaces are not available here";
-        for (const char* tool : {"dnsmasq", "dhclient", "busybox", "curl"}) {
-            if (nk::test::run_command(std::string("command -v ") + tool + " >/dev/null") != 0)
-                GTEST_SKIP() << tool << " is not installed (scripts/deps installs it)";
-        }
+        const std::string why =
+            nk::test::Lan::unavailable({"dnsmasq", "dhclient", "busybox", "curl"});
+        if (!why.empty())
+            GTEST_SKIP() << why;
         ASSERT_EQ(::mkdir(settings_.c_str(), 0755), 0);
         ASSERT_TRUE(broker_.start());
         ASSERT_TRUE(subscriber_.start("sifter-test"));
-        ASSERT_EQ(lan("up --empty"), 0);
-        lan_up_ = true;
-        box_ = lan_output("ns box");
-        ASSERT_FALSE(box_.empty());
+        ASSERT_TRUE(lan_.up("--empty"));
     }
 
     void TearDown() override {
         sifter_.stop(SIGTERM);
-        if (!lan_up_)
-            return;
-        const std::string prefix = box_.substr(0, box_.rfind('-'));
-        EXPECT_EQ(lan("down"), 0);
-        std::string left;
-        nk::test::run_command("ip netns list | grep -c '^" + prefix + "-' || true", &left);
-        EXPECT_EQ(left, "0\n") << "namespaces left behind";
+        lan_.down();
     }
 
-    int lan(const std::string& command) {
-        return nk::test::run_command(std::string(NK_LAN_SCRIPT) + " --dir " + lan_dir_ + " " +
-                                     command + " >/dev/null");
-    }
-    std::string lan_output(const std::string& command) {
-        std::string out;
-        nk::test::run_command(std::string(NK_LAN_SCRIPT) + " --dir " + lan_dir_ + " " + command,
-                              &out);
-        return out.substr(0, out.find('\n'));
-    }
     int nkset(const std::string& command) {
         return nk::test::run_command(std::string(NK_NKSET_BIN) + " --settings " + settings_ + " " +
                                      command);
     }
     int browse(const std::string& agent) {
-        return lan("exec laptop curl -s -o /dev/null -A '" + agent + "' http://203.0.113.1/");
+        return lan_.run("exec laptop curl -s -o /dev/null -A '" + agent + "' http://203.0.113.1/");
     }
 
     nk::test::TempDir dir_;
     std::string settings_ = dir_ / "settings";
-    std::string lan_dir_ = dir_ / "lan";
     nk::test::TestBroker broker_{dir_.path()};
     nk::test::ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
     Subscriber subscriber_;
+    nk::test::Lan lan_{NK_LAN_SCRIPT, dir_ / "lan"};
     nk::test::DaemonProcess sifter_;
-    bool lan_up_ = false;
-    std::string box_;
 };
 
 TEST_F(SifterLanTest, DhcpAndUserAgentsOfARealClientReachTheBus) {
     // It follows the roles: the LAN bridge is added once it runs.
     ASSERT_EQ(nkset("set /network/interfaces/roles/wan0 wan"), 0);
     ASSERT_EQ(nkset("set /network/interfaces/roles/br-guest guest"), 0);
-    ASSERT_TRUE(sifter_.start({"/usr/sbin/ip", "netns", "exec", box_, NK_NKSIFTER_BIN, "--settings",
-                               settings_, "--broker", broker_.address(), "--log-level", "3"}));
+    ASSERT_TRUE(
+        sifter_.start({"/usr/sbin/ip", "netns", "exec", lan_.box(), NK_NKSIFTER_BIN, "--settings",
+                       settings_, "--broker", broker_.address(), "--log-level", "3"}));
     ASSERT_TRUE(sifter_.wait_for_line("capturing on br-guest"));
     ASSERT_EQ(nkset("set /network/interfaces/roles/br-lan lan"), 0);
     ASSERT_TRUE(sifter_.wait_for_line("capturing on br-lan", 15s));
     EXPECT_EQ(sifter_.count_lines("capturing on wan0"), 0);
 
-    ASSERT_EQ(lan("add laptop"), 0);
-    const std::string mac = lan_output("exec laptop cat /sys/class/net/eth0/address");
+    ASSERT_EQ(lan_.run("add laptop"), 0);
+    const std::string mac = lan_.first_line("exec laptop cat /sys/class/net/eth0/address");
     ASSERT_TRUE(nk::test::wait_until(
         [&] { return !subscriber_.events("sifter_dhcp_payload", mac).empty(); }, 30s));
     const nk::json_ptr dhcp = std::move(subscriber_.events("sifter_dhcp_payload", mac).front());
@@ -195,10 +172,7 @@ TEST_F(SifterLanTest, DhcpAndUserAgentsOfARealClientReachTheBus) {
     EXPECT_STREQ(nk::json_string_member(first[0].get(), "src_netif"), "br-lan");
     EXPECT_STREQ(nk::json_string_member(first[0].get(), "src_mac"), mac.c_str());
     EXPECT_STREQ(nk::json_string_member(first[0].get(), "user_agent"), "nk-test-agent/1.0");
-    const std::string ip = lan_output(
-        "exec laptop sh -c \"ip -4 -o addr show dev eth0 | "
-        "awk '{ print \\$4 }' | cut -d/ -f1\"");
-    EXPECT_STREQ(nk::json_string_member(first[0].get(), "src_ip"), ip.c_str());
+    EXPECT_STREQ(nk::json_string_member(first[0].get(), "src_ip"), lan_.ipv4_of("laptop").c_str());
 
     EXPECT_EQ(sifter_.stop(SIGTERM), 0);
     EXPECT_TRUE(sifter_.wait_for_line("stopping", 0s));
