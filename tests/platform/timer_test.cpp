@@ -20,16 +20,21 @@ itimerspec setting(int fd) {
     return spec;
 }
 
-TEST(Timer, DescriptorIsNonBlockingAndCloseOnExec) {
-    std::optional<Timer> timer = Timer::make(TIMER_OWNED);
-    ASSERT_TRUE(timer);
-    EXPECT_TRUE(::fcntl(timer->fd(), F_GETFD) & FD_CLOEXEC);
-    EXPECT_TRUE(::fcntl(timer->fd(), F_GETFL) & O_NONBLOCK);
-    EXPECT_FALSE(timer->is_running());
+TEST(Timer, DescriptorFlagsAndOwnership) {
+    std::optional<Timer> first = Timer::make(TIMER_OWNED);
+    ASSERT_TRUE(first);
+    const int fd = first->fd();
+    EXPECT_TRUE(::fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    EXPECT_TRUE(::fcntl(fd, F_GETFL) & O_NONBLOCK);
+    EXPECT_FALSE(first->is_running());
     EXPECT_FALSE(Timer::make(7));
+    // The last owner closes.
+    { const Timer moved = std::move(*first); }
+    EXPECT_EQ(first->fd(), -1);
+    EXPECT_EQ(::fcntl(fd, F_GETFD), -1);
 }
 
-TEST(Timer, ZeroFirstValueFiresAtOnceThenRepeats) {
+TEST(Timer, ZeroFirstValueFiresAtOnceThenRepeatsAndStopDisarms) {
     std::optional<Timer> timer = Timer::make(TIMER_LOOP);
     ASSERT_TRUE(timer && timer->start(0, 2));
     ASSERT_TRUE(nk::test::wait_readable(timer->fd()));
@@ -39,11 +44,9 @@ TEST(Timer, ZeroFirstValueFiresAtOnceThenRepeats) {
     EXPECT_EQ(spec.it_interval.tv_sec, 2);
     EXPECT_EQ(spec.it_interval.tv_nsec, 0);
     EXPECT_LE(spec.it_value.tv_sec, 2);
-}
 
-TEST(Timer, UnexpiredTimerTicksZeroAndStopDisarms) {
-    std::optional<Timer> timer = Timer::make(TIMER_LOOP);
-    ASSERT_TRUE(timer && timer->start(60, 60));
+    // Unexpired: no tick; stopping disarms.
+    ASSERT_TRUE(timer->start(60, 60));
     EXPECT_EQ(timer->tick(), 0u);
     EXPECT_TRUE(timer->is_running());
     EXPECT_TRUE(timer->stop());
@@ -97,15 +100,6 @@ TEST(Timer, MillisecondTicksAccumulate) {
     ASSERT_TRUE(nk::test::wait_readable(later->fd()));
     // Armed first with a 1 ms period, `fast` has expired at least 20 times by now.
     EXPECT_GE(fast->tick(), 20u);
-}
-
-TEST(Timer, OwnershipMovesAndTheLastOwnerCloses) {
-    std::optional<Timer> first = Timer::make(TIMER_OWNED);
-    ASSERT_TRUE(first);
-    const int fd = first->fd();
-    { const Timer moved = std::move(*first); }
-    EXPECT_EQ(first->fd(), -1);
-    EXPECT_EQ(::fcntl(fd, F_GETFD), -1);
 }
 
 }  // namespace
