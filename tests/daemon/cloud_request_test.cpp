@@ -20,16 +20,7 @@ protected:
     nk::json_ptr body_{json_pack("{s:s}", "mac", "a4:5e:60:c2:1f:0b")};
 };
 
-TEST_F(CloudRequestTest, AnswerIsParsedAndBodySentCompact) {
-    nk::json_ptr answer;
-    ASSERT_TRUE(cloud_request(kCloudConnectDevice, body_.get(), &answer));
-    EXPECT_STREQ(
-        json_string_value(nk::json_object_get_recursive(answer.get(), {"result", "device_id"})),
-        "d-1");
-    ASSERT_EQ(sent(), 1u);
-    EXPECT_EQ(cloud_.sent()[0].second, R"({"mac": "a4:5e:60:c2:1f:0b"})");
-}
-
+// A good answer and the compact body are checked where devices are registered.
 TEST_F(CloudRequestTest, FailuresLeaveTheSlotEmptyAndSayWhy) {
     struct Case {
         int status;

@@ -170,22 +170,6 @@ TEST_F(DaemonRunTest, EverySubscribedEventReachesTheDispatcher) {
     EXPECT_EQ(daemon_.stop(SIGTERM), 0);
 }
 
-TEST_F(DaemonRunTest, FeatureChangesApplyWhileRunning) {
-    ASSERT_TRUE(start());
-    ASSERT_TRUE(daemon_.wait_for_line("disco ready"));
-    ASSERT_EQ(nkset("set /features/ids/0 1"), 0);
-    EXPECT_TRUE(daemon_.wait_for_line("Feature 0 changed to 1"));
-    ASSERT_EQ(nkset("set /features/ids/1 1"), 0);
-    EXPECT_TRUE(daemon_.wait_for_line("Feature 1 changed to 1"));
-    ASSERT_EQ(nkset("set /features/ids/0 0"), 0);
-    EXPECT_TRUE(daemon_.wait_for_line("Feature 0 changed to 0"));
-    EXPECT_EQ(daemon_.stop(SIGTERM), 0);
-}
-
-}  // namespace
-
-namespace {
-
 TEST_F(DaemonRunTest, LoadsEveryTwoSecondsUntilLoadedAndNeverStartsACollectorWithoutLan) {
     give_wan();
     // The collector would be restarted at every active turn, were there a LAN to watch.

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstring>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -47,12 +46,6 @@ void collect(const Message* m, void* context) {
     inbox->events.emplace_back(m->name, std::string(m->data ? m->data : "", m->length));
 }
 
-// The daemon's side of "request_device_id": answers with a fixed id, as the loop would.
-void answer_request(const Message* m, void* /*context*/) {
-    const std::string mac(m->data ? m->data : "", m->length);
-    send_device_id_response(mac.c_str(), "d-7", m->id);
-}
-
 macaddr nth_mac(int n) {
     return macaddr(std::array<std::uint8_t, 6>{0x02, 0, 0, 0, static_cast<std::uint8_t>(n >> 8),
                                                static_cast<std::uint8_t>(n & 0xff)});
@@ -66,10 +59,7 @@ class IdentityTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(broker_.start());
-        g_nkex = nkex_init("nkdevicediscovery", answer_request, nullptr, 1);
-        ASSERT_NE(g_nkex, nullptr);
-        const char* requests[] = {"request_device_id"};
-        ASSERT_EQ(nkex_subscribe(g_nkex, requests, 1), 0);
+        ASSERT_NE(g_nkex = nkex_init("nkdevicediscovery", nullptr, nullptr, 1), nullptr);
         peer_ = nkex_init("listener", collect, &inbox_, 1);
         ASSERT_NE(peer_, nullptr);
         const char* events[] = {"permanent_device_id", "clear_device_id_cache"};
@@ -149,20 +139,6 @@ TEST_F(IdentityTest, AConfirmedMacIsAnnouncedOnlyOnceItsDeviceIsStoredAndUnlocke
     EXPECT_EQ(g_temporary_device_ids.count(mac_key(mac)), 0u);
     nk::devMgmt::close_table();
     nk::setMgmt::uninit();
-}
-
-TEST_F(IdentityTest, RequesterReceivesDeviceIdThenMac) {
-    Message request{};
-    std::strcpy(request.name, "request_device_id");
-    const std::string mac = "aa:bb:cc:00:11:22";
-    request.data = mac.data();
-    request.length = mac.size();
-    Message* response = nullptr;
-    ASSERT_EQ(nkex_send_request_and_wait_response(peer_, &request, &response), 0);
-    const std::string text(response->data ? response->data : "", response->length);
-    EXPECT_STREQ(response->status, NKEX_STATUS_OK);
-    nkex_free_response(response);
-    EXPECT_EQ(text, R"({"device_id": "d-7", "mac": "aa:bb:cc:00:11:22"})");
 }
 
 TEST(RealMac, FakeMacIsReplacedOnlyWhenItsIpMatches) {

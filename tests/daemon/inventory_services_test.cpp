@@ -1,9 +1,6 @@
 // Ignored MACs from a real settings store, pending devices, host names, user agents, trimming.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstring>
 #include <string>
 #include <unordered_set>
@@ -15,7 +12,6 @@
 #include "stderr_capture.h"
 #include "temp_dir.h"
 #include "utils.h"
-#include "wait.h"
 
 namespace {
 
@@ -63,19 +59,6 @@ TEST(PendingDevices, OnePerLocalIdNamedByTheLeasesAndNoneInLeasesMode) {
     EXPECT_EQ(device.local.macips.get_ips(mac, true), nk::ip_set{ip});
     EXPECT_EQ(device.cloud.box_detected_name, "*") << "no host name known";
     EXPECT_EQ(g_pending_devices[1].cloud.box_detected_name, "laptop");
-}
-
-TEST(UserAgents, QueuedParsedAndTheLoopWoken) {
-    ASSERT_EQ(::pipe2(g_event_pipe, O_CLOEXEC | O_NONBLOCK), 0);
-    save_user_agent("192.168.1.9", "aa:00:00:00:00:09", "curl/8.0");
-    EXPECT_TRUE(nk::test::wait_readable(g_event_pipe[0], std::chrono::milliseconds(0)));
-    ::close(g_event_pipe[0]);
-    ::close(g_event_pipe[1]);
-    const std::lock_guard lock(g_user_agents_mutex);
-    ASSERT_EQ(g_user_agents.size(), 1u);
-    EXPECT_EQ(g_user_agents[0].ip, address("192.168.1.9"));
-    EXPECT_EQ(g_user_agents[0].mac, macaddr("aa:00:00:00:00:09"));
-    EXPECT_EQ(g_user_agents[0].user_agent, "curl/8.0");
 }
 
 TEST(StrRtrim, TrailingWhiteSpaceOnly) {
