@@ -13,6 +13,7 @@
 
 #include <fmt/format.h>
 #include <nk/constants.h>
+#include <nk/daemon.h>
 #include <nk/log.h>
 #include <nk/setmgmt.h>
 
@@ -61,13 +62,6 @@ int usage_error(const std::string& why) {
     return EX_USAGE;
 }
 
-std::optional<int> log_level(const char* text) {
-    const std::string s(text);
-    if (s.size() != 1 || s[0] < '0' || s[0] > '4')
-        return std::nullopt;
-    return s[0] - '0';
-}
-
 // The usage error, or empty when the options are fine.
 std::optional<std::string> parse(int argc, char** argv, Options& opts) {
     static const option kLong[] = {{"internal", no_argument, nullptr, 'i'},
@@ -99,7 +93,7 @@ std::optional<std::string> parse(int argc, char** argv, Options& opts) {
                 ::setenv(nk::kSettingsDirEnv, ::optarg, 1);
                 break;
             case 'l': {
-                const std::optional<int> level = log_level(::optarg);
+                const std::optional<int> level = nk::daemon::parse_log_level(::optarg);
                 if (!level)
                     return fmt::format("--log-level takes 0 to 4, not '{}'", ::optarg);
                 opts.log_level = *level;

@@ -12,6 +12,7 @@
 
 #include <fmt/format.h>
 #include <nk/constants.h>
+#include <nk/daemon.h>
 #include <nk/log.h>
 #include <nk/setmgmt.h>
 
@@ -59,17 +60,6 @@ int usage_error(const std::string& why) {
     return EX_USAGE;
 }
 
-std::optional<int> log_level(const std::string& text) {
-    if (text.size() != 1 || text[0] < '0' || text[0] > '4')
-        return std::nullopt;
-    return text[0] - '0';
-}
-
-bool is_broker(const std::string& text) {
-    return (text.rfind("unix:", 0) == 0 && text.size() > 5) ||
-           (text.rfind("tcp:", 0) == 0 && text.find(':', 4) != std::string::npos);
-}
-
 // The usage error, or nothing when the options are fine.
 std::optional<std::string> parse(int argc, char** argv, Options& opts) {
     static const option kLong[] = {{"interfaces", required_argument, nullptr, 'i'},
@@ -95,13 +85,13 @@ std::optional<std::string> parse(int argc, char** argv, Options& opts) {
                 ::setenv(nk::kSettingsDirEnv, value.c_str(), 1);
                 break;
             case 'b':
-                if (!is_broker(value))
+                if (!nk::daemon::is_broker_address(value))
                     return fmt::format("--broker wants unix:PATH or tcp:HOST:PORT, not '{}'",
                                        value);
                 ::setenv(nk::kBrokerEnv, value.c_str(), 1);
                 break;
             case 'l': {
-                const std::optional<int> level = log_level(value);
+                const std::optional<int> level = nk::daemon::parse_log_level(value.c_str());
                 if (!level)
                     return fmt::format("--log-level takes 0 to 4, not '{}'", value);
                 opts.log_level = *level;

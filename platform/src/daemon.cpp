@@ -81,16 +81,6 @@ const option kLongOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-std::optional<int> parse_level(const char* text) {
-    char* end = nullptr;
-    errno = 0;
-    const long value = std::strtol(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || value < log::ERROR || value > log::TRACE) {
-        return std::nullopt;
-    }
-    return static_cast<int>(value);
-}
-
 // The environment variable an option's value goes to, where the libraries (and child processes)
 // look; null for an option without one.
 const char* env_of(int opt) {
@@ -121,7 +111,7 @@ const char* long_name(int opt) {
 std::string value_problem(int opt, const char* value) {
     if (*value == '\0')
         return "needs a non-empty value";
-    if (opt == kOptLogLevel && !parse_level(value))
+    if (opt == kOptLogLevel && !parse_log_level(value))
         return fmt::format("wants 0..4, not '{:s}'", value);
     if (opt == kOptBroker && !nkex_mqtt::parse_broker(value))
         return fmt::format("wants unix:PATH or tcp:HOST:PORT, not '{:s}'", value);
@@ -244,7 +234,7 @@ bool Instance::apply_option(int opt, const char* value) {
         return false;
     }
     if (opt == kOptLogLevel)
-        log_level_ = *parse_level(value);
+        log_level_ = *parse_log_level(value);
     return ::setenv(env, value, 1) == 0;
 }
 
@@ -283,6 +273,20 @@ void notify_stopping() {
 #if NK_HAVE_SYSTEMD
     ::sd_notify(0, "STOPPING=1");
 #endif
+}
+
+std::optional<int> parse_log_level(const char* text) {
+    char* end = nullptr;
+    errno = 0;
+    const long value = std::strtol(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || value < log::ERROR || value > log::TRACE) {
+        return std::nullopt;
+    }
+    return static_cast<int>(value);
+}
+
+bool is_broker_address(std::string_view text) {
+    return nkex_mqtt::parse_broker(text).has_value();
 }
 
 namespace detail {

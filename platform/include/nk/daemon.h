@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -55,6 +56,10 @@ Instance& instance(int argc, char** argv, std::string_view name,
 // Tell a supervising systemd that the service is ready, or going down; nothing elsewhere.
 void notify_ready();
 void notify_stopping();
+
+// What --log-level and --broker accept, for programs that parse their own options.
+std::optional<int> parse_log_level(const char* text);
+bool is_broker_address(std::string_view text);
 
 // The option text shared by every program's --help.
 std::string common_usage();
