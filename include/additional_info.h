@@ -53,6 +53,11 @@ nk::json_ptr build_dhcp_fingerprint_payload(const nk::DhcpFingerprint& fingerpri
 bool send_dhcp_fingerprint(const nk::sockutl::macaddr& mac, const nk::DhcpFingerprint& fingerprint);
 bool send_user_agent(const nk::sockutl::macaddr& mac, const std::string& user_agent);
 
+// The MAC's cached user agents and fingerprints, whatever their state, are dropped and submitted
+// again under `device_id`: what was sent under the MAC's former (or temporary) id is not the new
+// id's, and the client may never send it again.
+void resubmit_additional_info(const nk::sockutl::macaddr& mac, const std::string& device_id);
+
 // Answers of the cloud, on the bus thread; each takes ownership of its context.
 void fingerprint_callback(void* context, const Message* response);
 void user_agent_callback(void* context, const Message* response);

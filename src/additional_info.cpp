@@ -219,12 +219,10 @@ nk::json_ptr build_dhcp_fingerprint_payload(const nk::DhcpFingerprint& fingerpri
                                   fingerprint.vendor_class.size()));
 }
 
-bool send_dhcp_fingerprint(const macaddr& mac, const nk::DhcpFingerprint& fingerprint) {
-    const std::string device_id = get_device_id(mac);
-    if (device_id.empty()) {
-        NK_LOG(nk::log::ERROR, "BUG: empty device id for mac {}", mac);
-        return false;
-    }
+namespace {
+
+bool send_dhcp_fingerprint_as(const std::string& device_id, const macaddr& mac,
+                              const nk::DhcpFingerprint& fingerprint) {
     const AdditionalInfoType type =
         fingerprint.version ? kAdditionalInfoFingerprintV6 : kAdditionalInfoFingerprint;
     std::unique_ptr<FingerprintContext> context =
@@ -250,12 +248,8 @@ bool send_dhcp_fingerprint(const macaddr& mac, const nk::DhcpFingerprint& finger
     return true;
 }
 
-bool send_user_agent(const macaddr& mac, const std::string& user_agent) {
-    const std::string device_id = get_device_id(mac);
-    if (device_id.empty()) {
-        NK_LOG(nk::log::ERROR, "BUG: empty device id for mac {}", mac);
-        return false;
-    }
+bool send_user_agent_as(const std::string& device_id, const macaddr& mac,
+                        const std::string& user_agent) {
     std::unique_ptr<UserAgentContext> context =
         make_unique_nothrow<UserAgentContext>(user_agent, mac);
     if (!context) {
@@ -276,6 +270,49 @@ bool send_user_agent(const macaddr& mac, const std::string& user_agent) {
     record_submission(g_user_agent_cache, mac, user_agent, cached,
                       sent ? nk::kSubmissionSent : nk::kSubmissionFailed);
     return true;
+}
+
+std::string known_device_id(const macaddr& mac) {
+    std::string device_id = get_device_id(mac);
+    if (device_id.empty())
+        NK_LOG(nk::log::ERROR, "BUG: empty device id for mac {}", mac);
+    return device_id;
+}
+
+template <typename T>
+std::vector<T> take_infos(nk::Cache<macaddr, nk::AdditionalInfo<T>>& cache, std::mutex& mutex,
+                          const macaddr& mac) {
+    std::vector<T> infos;
+    const std::lock_guard lock(mutex);
+    for (auto& value : cache.remove(mac))
+        infos.push_back(std::move(value.value.info));
+    return infos;
+}
+
+}  // namespace
+
+bool send_dhcp_fingerprint(const macaddr& mac, const nk::DhcpFingerprint& fingerprint) {
+    const std::string device_id = known_device_id(mac);
+    return !device_id.empty() && send_dhcp_fingerprint_as(device_id, mac, fingerprint);
+}
+
+bool send_user_agent(const macaddr& mac, const std::string& user_agent) {
+    const std::string device_id = known_device_id(mac);
+    return !device_id.empty() && send_user_agent_as(device_id, mac, user_agent);
+}
+
+void resubmit_additional_info(const macaddr& mac, const std::string& device_id) {
+    // Taken out first: the senders lock the caches themselves and record afresh.
+    const std::vector<std::string> agents =
+        take_infos(g_user_agent_cache, g_user_agent_cache_mutex, mac);
+    const std::vector<nk::DhcpFingerprint> fingerprints =
+        take_infos(g_fingerprint_cache, g_fingerprint_cache_mutex, mac);
+    if (device_id.empty())
+        return;
+    for (const std::string& agent : agents)
+        send_user_agent_as(device_id, mac, agent);
+    for (const nk::DhcpFingerprint& fingerprint : fingerprints)
+        send_dhcp_fingerprint_as(device_id, mac, fingerprint);
 }
 
 void fingerprint_callback(void* context, const Message* response) {

@@ -8,6 +8,7 @@
 #include <nk/log.h>
 #include <nk/nkerrno.h>
 
+#include "additional_info.h"
 #include "globals.h"
 #include "storage_helpers.h"
 #include "utils.h"
@@ -134,10 +135,7 @@ void confirm_mac_identity_of(const macaddr& mac, const std::string& device_id) {
         g_temporary_device_ids.erase(it);
         return;
     }
-    // Info cached under another id must be resent under this one.
-    const std::vector<macaddr> macs{mac};
-    nk::remove_macs_from_cache(macs, g_user_agent_cache, g_user_agent_cache_mutex);
-    nk::remove_macs_from_cache(macs, g_fingerprint_cache, g_fingerprint_cache_mutex);
+    resubmit_additional_info(mac, device_id);
 }
 
 void Device::set_device_onguest(int onguest) {

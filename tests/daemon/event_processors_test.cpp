@@ -14,6 +14,7 @@
 #include <fmt/format.h>
 #include <nk/constants.h>
 
+#include "additional_info.h"
 #include "cloud_request.h"
 #include "event_processors.h"
 #include "network_info.h"
@@ -233,6 +234,44 @@ TEST_F(EventProcessorsTest, CachedUserAgentsAndFingerprintsAreNotSentAgain) {
     EXPECT_EQ(sent_of("set_device_type"), 1u);
     EXPECT_EQ(sent_of("set_device_additional_info"), 1u);
     EXPECT_EQ(g_hostnames[kKnown], "tv-3");
+}
+
+// A client's DHCP and browsing come before its lease, so before its registration; the cloud
+// refuses them under the temporary id, and the client may never send them again.
+TEST_F(EventProcessorsTest, InfoRefusedUnderTheTemporaryIdIsResubmittedAtRegistration) {
+    set_leases_received(true);
+    g_feature_additional_info = true;
+    const std::string info = R"({"result": {"macs": [")" + kUnknown.to_string(false) + R"("]}})";
+    cloud_.set("get_device_info", info.c_str());
+    cloud_.set("set_device_type", R"({"error": {"code": 404}})");
+    cloud_.set("set_device_additional_info", R"({"error": {"code": 404}})");
+    const std::string temporary = get_device_id(kUnknown);
+    nk::DhcpFingerprint fingerprint;
+    fingerprint.option_list = "1,3,6";
+    ASSERT_TRUE(send_user_agent(kUnknown, "curl/8.0"));
+    ASSERT_TRUE(send_dhcp_fingerprint(kUnknown, fingerprint));
+    ASSERT_TRUE(nk::test::wait_until([&] {
+        const std::lock_guard lock(g_fingerprint_cache_mutex);
+        return !g_fingerprint_cache.get(nk::due_for_retry{g_now + 10}).empty();
+    }));
+
+    cloud_.set("set_device_type", R"({"result": {"status": "ok"}})");
+    cloud_.set("set_device_additional_info", R"({"result": {"status": 0}})");
+    save_pending_device(temporary, kUnknown, address("192.168.1.30"));
+    process_event_pipe();
+    ASSERT_TRUE(nk::test::wait_until([&] { return sent_of("set_device_additional_info") == 2; }));
+    ASSERT_TRUE(nk::test::wait_until([&] { return sent_of("set_device_type") == 2; }));
+    const auto requests = cloud_.sent();
+    for (const char* command : {"set_device_type", "set_device_additional_info"}) {
+        std::vector<std::string> ids;
+        for (const auto& [name, body] : requests) {
+            const nk::json_ptr root(json_loads(body.c_str(), 0, nullptr));
+            if (name == command)
+                ids.push_back(json_string_value(json_object_get(
+                    json_object_get(root.get(), "connect_destination"), "device_id")));
+        }
+        EXPECT_EQ(ids, (std::vector<std::string>{temporary, "d-1"})) << command;
+    }
 }
 
 TEST_F(EventProcessorsTest, ServiceInformationIsSentWhenDue) {
