@@ -36,6 +36,7 @@
 #include "storage_helpers.h"
 #include "subprocess_messages.h"
 #include "utils.h"
+#include "waiting_answers.h"
 
 namespace {
 
@@ -188,6 +189,7 @@ bool open_bus(Unwinder& unwind) {
         nkex_uninit(g_nkex);
         g_nkex = nullptr;
     });
+    serve_device_ids_while_waiting();
     send_clear_device_id_cache_message();
     if (nkex_subscribe(g_nkex, kSubscribedEvents.data(), kSubscribedEvents.size()) != 0) {
         NK_LOG(nk::log::ERROR, "nkex_subscribe() failed; auto-retrying...");
@@ -212,6 +214,12 @@ bool start_up(Unwinder& unwind, Loop& loop) {
         ::close(g_event_pipe[1]);
         g_event_pipe[0] = g_event_pipe[1] = -1;
     });
+    // Before the bus, and closed after it: the bus thread signals it.
+    if (!open_device_id_wake()) {
+        NK_LOG(nk::log::ERROR, "eventfd() failed");
+        return false;
+    }
+    unwind.push([] { close_device_id_wake(); });
 
     if (nk::setMgmt::init() < 0) {
         NK_LOG(nk::log::ERROR, "nksetmgmt error: {}", nkerrno);
@@ -293,6 +301,7 @@ void deactivate(Loop& loop) {
         nk::time::timer_stop(fd);
     }
     g_subprocess->stop(true);
+    set_answering_while_waiting(false);
 }
 
 void start_submission_timer(int epoll, int fd, const char* failure) {
@@ -317,6 +326,7 @@ void activate(Loop& loop) {
     if (nk::time::timer_start(t.retry, 0, 2, false) != 0) {
         NK_LOG(nk::log::WARN, "failed to start retry timer");
     }
+    set_answering_while_waiting(true);
 }
 
 bool inventory_loaded() {

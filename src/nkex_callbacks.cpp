@@ -23,6 +23,7 @@
 #include "queue_limits.h"
 #include "storage_helpers.h"
 #include "utils.h"
+#include "waiting_answers.h"
 
 namespace {
 
@@ -334,7 +335,9 @@ void handle_event_request_device_id(const Message* message) {
     if (!enqueue(g_devid_requests, g_devid_requests_mutex, kMaxQueuedDeviceIdRequests,
                  g_devid_overflow, std::move(request))) {
         send_device_id_response(mac, "", message->id);
+        return;
     }
+    signal_device_id_request();
 }
 
 void handle_event_device_not_found(const Message* /*message*/) {

@@ -129,6 +129,7 @@ public:
     bool wait_answer(std::unique_lock<std::mutex>& lock, const SyncSlot& slot,
                      Clock::time_point deadline);
     int respond(int status, uint64_t request_id, const void* data, std::size_t length);
+    void set_wait_hook(int fd, nkex_wait_hook_t hook, void* context);
 
 private:
     static void on_connect(mosquitto*, void* self, int rc, int flags, const mosquitto_property*);
@@ -191,6 +192,9 @@ private:
     std::map<uint64_t, PendingAsync> async_waiting_;  // deadlines grow with the id
     uint64_t next_received_id_ = 1;
     std::map<uint64_t, ReceivedRequest> received_;  // expiries grow with the id
+    int wait_fd_ = -1;  // served by wait_hook_ while a synchronous request waits
+    nkex_wait_hook_t wait_hook_ = nullptr;
+    void* wait_context_ = nullptr;
 
     std::mutex callback_mutex_;  // one user callback at a time
 };
@@ -779,15 +783,24 @@ int nkex_handle::send_sync(const Message& request, Message** response) {
 // Called and returns with `lock` held.
 bool nkex_handle::wait_answer(std::unique_lock<std::mutex>& lock, const SyncSlot& slot,
                               Clock::time_point deadline) {
+    // A hook that itself waits on a synchronous request does not serve its descriptor again.
+    static thread_local bool t_in_hook = false;
     const int stop = nk::daemon::detail::stop_fd();
+    const int hook_fd = t_in_hook || wait_hook_ == nullptr ? -1 : wait_fd_;
     while (!slot.done && !closing_) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0)
             return true;
+        const nkex_wait_hook_t hook = wait_hook_;
+        void* const hook_context = wait_context_;
         lock.unlock();
-        pollfd fds[2] = {{slot.wake.get(), POLLIN, 0}, {stop, POLLIN, 0}};
-        const int n = ::poll(fds, stop >= 0 ? 2 : 1,
-                             static_cast<int>(std::min<long long>(left.count(), INT_MAX)));
+        pollfd fds[3] = {{slot.wake.get(), POLLIN, 0}, {stop, POLLIN, 0}, {hook_fd, POLLIN, 0}};
+        const int n = ::poll(fds, 3, static_cast<int>(std::min<long long>(left.count(), INT_MAX)));
+        if (n > 0 && (fds[2].revents & POLLIN) != 0 && (fds[0].revents & POLLIN) == 0) {
+            t_in_hook = true;
+            hook(hook_context);
+            t_in_hook = false;
+        }
         lock.lock();
         if (n > 0 && (fds[1].revents & (POLLIN | POLLHUP)) != 0)
             return slot.done;
@@ -854,6 +867,18 @@ int nkex_send_request_and_wait_response(nkex_handle* handle, const Message* requ
         return -1;
     *response = nullptr;
     return handle->send_sync(*request, response);
+}
+
+void nkex_handle::set_wait_hook(int fd, nkex_wait_hook_t hook, void* context) {
+    const std::lock_guard lock(mutex_);
+    wait_fd_ = hook != nullptr ? fd : -1;
+    wait_hook_ = fd >= 0 ? hook : nullptr;
+    wait_context_ = context;
+}
+
+void nkex_set_wait_hook(nkex_handle* handle, int fd, nkex_wait_hook_t hook, void* context) {
+    if (handle != nullptr)
+        handle->set_wait_hook(fd, hook, context);
 }
 
 int nkex_send_response(nkex_handle* handle, int status, uint64_t request_id, const void* data,

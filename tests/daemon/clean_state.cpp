@@ -8,6 +8,7 @@
 #include "network_info.h"
 #include "subprocess_messages.h"
 #include "utils.h"
+#include "waiting_answers.h"
 
 namespace {
 
@@ -34,6 +35,8 @@ void reset_daemon_state() {
     g_device_id.clear();
     g_now = 0;
     set_leases_received(false);
+    set_answering_while_waiting(false);
+    close_device_id_wake();
     {
         const std::lock_guard lock(g_interfaces_mutex);
         g_interfaces.clear();

@@ -27,6 +27,7 @@
 #include "subprocess_messages.h"
 #include "utils.h"
 #include "wait.h"
+#include "waiting_answers.h"
 
 namespace {
 
@@ -157,6 +158,23 @@ TEST_F(EventProcessorsTest, EveryRequestIsAnsweredAfterTheFirstLeasesAndUnknownM
     ASSERT_TRUE(nk::test::wait_until([&] { return !notices().empty(); }));
     EXPECT_EQ(notices()[0],
               fmt::format(R"({{"temp_device_id": "{}", "cloud_device_id": "d-1"}})", temporary));
+}
+
+// A silent cloud holds a synchronous request for the bus's time-out, the askers' own.
+TEST_F(EventProcessorsTest, RequestsAreAnsweredWhileTheLoopWaitsOnTheCloud) {
+    ASSERT_TRUE(open_device_id_wake());
+    serve_device_ids_while_waiting();
+    set_answering_while_waiting(true);
+    set_leases_received(true);
+    cloud_.set("set_device_onbox", nullptr);
+    Asked& asked = ask(kKnown.to_string(false), "192.168.1.20");
+    ASSERT_TRUE(nk::test::wait_until([] { return queued_requests() == 1; }));
+
+    nk::json_ptr answer;
+    const nk::json_ptr body(json_object());
+    EXPECT_FALSE(cloud_request(kCloudSetDeviceOnbox, body.get(), &answer));
+    EXPECT_TRUE(asked.answered);
+    EXPECT_EQ(asked.answer, answer_of(kKnown.to_string(false), "d-7"));
 }
 
 TEST_F(EventProcessorsTest, AFullQueueAnswersAtOnceWithNoIdAndSaysSoOnce) {

@@ -54,6 +54,11 @@ int nkex_send_request(nkex_handle* handle, const char* destination, const void* 
  * from a bus callback: it would wait for its own thread. */
 int nkex_send_request_and_wait_response(nkex_handle* handle, const Message* request,
                                         Message** response);
+/* While a synchronous request of this handle waits, `hook(context)` runs on the waiting thread
+ * each time `fd` is readable, so that the caller's loop can serve urgent work meanwhile; it must
+ * consume what made `fd` readable. A null hook or a negative fd removes it. */
+typedef void (*nkex_wait_hook_t)(void* context);
+void nkex_set_wait_hook(nkex_handle* handle, int fd, nkex_wait_hook_t hook, void* context);
 /* Answers a received request by its id; `status` becomes the status text ("0" for 0). */
 int nkex_send_response(nkex_handle* handle, int status, uint64_t request_id, const void* data,
                        size_t length);

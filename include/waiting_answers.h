@@ -1,0 +1,15 @@
+// Device-id requests answered while the main loop waits on a synchronous cloud request. A
+// silent cloud holds such a request for the bus's time-out, which is also the askers' own, so
+// every request queued behind it would go unanswered.
+#pragma once
+
+// The descriptor the device-id handler signals beside the event pipe; made before the bus
+// opens, closed after it is closed. False when it could not be made.
+bool open_device_id_wake();
+void close_device_id_wake();
+// From the bus thread, once a request is queued.
+void signal_device_id_request();
+// Hands the descriptor to the daemon's bus connection.
+void serve_device_ids_while_waiting();
+// The loop answers only while it is active; so does the wait.
+void set_answering_while_waiting(bool active);
