@@ -27,6 +27,8 @@
 #include <nk/log.h>
 #include <nk/nkex.h>
 
+#include "device_id_requests.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -62,11 +64,6 @@ struct Run {
 
 Run* g_run = nullptr;
 
-struct BusDeleter {
-    void operator()(nkex_handle* handle) const { nkex_uninit(handle); }
-};
-using bus_ptr = std::unique_ptr<nkex_handle, BusDeleter>;
-
 void on_answer(void* context, const Message* response) {
     const auto i = reinterpret_cast<std::uintptr_t>(context);
     g_run->answered[i] = Clock::now();
@@ -76,19 +73,9 @@ void on_answer(void* context, const Message* response) {
 
 // The floor: a responder that does nothing but answer.
 void answer_at_once(const Message* m, void* context) {
-    auto* self = static_cast<bus_ptr*>(context);
+    auto* self = static_cast<nk::nkex_ptr*>(context);
     static const std::string text = R"({"device_id": "", "mac": "00:00:00:00:00:00"})";
     nkex_send_response(self->get(), 0, m->id, text.data(), text.size());
-}
-
-std::vector<std::pair<std::string, std::string>> read_known(const std::string& file) {
-    std::vector<std::pair<std::string, std::string>> known;
-    std::ifstream in(file);
-    std::string mac;
-    std::string ip;
-    while (in >> mac >> ip)
-        known.emplace_back(mac, ip);
-    return known;
 }
 
 // What a request asks about: a known client, one not known yet, or an invalid request.
@@ -103,7 +90,7 @@ Kind kind_of(std::size_t i, bool have_known) {
 }
 
 std::vector<std::string> make_payloads(const Options& o, std::size_t n) {
-    const auto known = read_known(o.known_file);
+    const auto known = nk::bench::read_clients(o.known_file);
     std::vector<std::string> out;
     out.reserve(n);
     for (std::size_t i = 0; i < n; ++i) {
@@ -123,7 +110,7 @@ std::vector<std::string> make_payloads(const Options& o, std::size_t n) {
             mac = kind == 0 ? o.box_mac : kind == 1 ? "02:cc:00:00:00:01" : "zz:zz";
             ip = kind == 1 ? "203.0.113.7" : fmt::format("{}.9", o.lan);
         }
-        out.push_back(fmt::format(R"({{"mac": "{}", "ip": "{}"}})", mac, ip));
+        out.push_back(nk::bench::device_id_request(mac, ip));
     }
     return out;
 }
@@ -291,8 +278,8 @@ int main(int argc, char** argv) {
         return EX_USAGE;
     nk::log::set_level(nk::log::WARN);
     const std::string me = fmt::format("devid-bench-{}", ::getpid());
-    const bus_ptr asker(nkex_init(me.c_str(), nullptr, nullptr, 1));
-    bus_ptr floor;
+    const nk::nkex_ptr asker(nkex_init(me.c_str(), nullptr, nullptr, 1));
+    nk::nkex_ptr floor;
     floor.reset(nkex_init((me + "-floor").c_str(), answer_at_once, &floor, 1));
     const char* floor_name[] = {"bench_request_device_id"};
     if (!asker || !floor || nkex_subscribe(floor.get(), floor_name, 1) != 0) {
@@ -302,7 +289,7 @@ int main(int argc, char** argv) {
     const std::vector<std::string> payloads =
         make_payloads(*o, static_cast<std::size_t>(o->rate) * o->seconds);
 
-    const bool have_known = !read_known(o->known_file).empty();
+    const bool have_known = !nk::bench::read_clients(o->known_file).empty();
     report(measure(asker.get(), floor_name[0], payloads, o->rate, "floor", have_known), o->json);
     const long before = rss_kib(o->pid);
     report(measure(asker.get(), "request_device_id", payloads, o->rate, "daemon", have_known),

@@ -21,7 +21,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -35,6 +34,8 @@
 #include <fmt/os.h>
 #include <nk/log.h>
 #include <nk/nkex.h>
+
+#include "device_id_requests.h"
 
 namespace {
 
@@ -80,11 +81,6 @@ void on_answer(void* context, const Message* response) {
     --g_open;
 }
 
-struct BusDeleter {
-    void operator()(nkex_handle* handle) const { nkex_uninit(handle); }
-};
-using bus_ptr = std::unique_ptr<nkex_handle, BusDeleter>;
-
 std::int64_t epoch_ms() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::system_clock::now().time_since_epoch())
@@ -103,13 +99,7 @@ public:
         if (st.st_mtim.tv_sec == seen_.tv_sec && st.st_mtim.tv_nsec == seen_.tv_nsec)
             return list_;
         seen_ = st.st_mtim;
-        std::vector<std::pair<std::string, std::string>> fresh;
-        std::ifstream in(file_);
-        std::string mac;
-        std::string ip;
-        while (in >> mac >> ip)
-            fresh.emplace_back(mac, ip);
-        list_ = std::move(fresh);
+        list_ = nk::bench::read_clients(file_);
         return list_;
     }
 
@@ -138,7 +128,7 @@ std::string payload_for(std::size_t i, Targets& targets, const Options& o) {
         mac = fmt::format("02:bb:00:00:00:{:02x}", u);
         ip = fmt::format("{}.{}", o.lan, 20 + u);
     }
-    return fmt::format(R"({{"mac": "{}", "ip": "{}"}})", mac, ip);
+    return nk::bench::device_id_request(mac, ip);
 }
 
 std::optional<Options> parse(int argc, char** argv) {
@@ -232,7 +222,7 @@ int main(int argc, char** argv) {
     std::signal(SIGTERM, on_signal);
     // The tools' account: its answers come back on nkex/rsp/nkdevices-PID.
     const std::string me = fmt::format("nkdevices-{}", ::getpid());
-    const bus_ptr bus(nkex_init(me.c_str(), nullptr, nullptr, 1));
+    const nk::nkex_ptr bus(nkex_init(me.c_str(), nullptr, nullptr, 1));
     if (!bus) {
         fmt::print(stderr, "devid_load: no bus\n");
         return 1;

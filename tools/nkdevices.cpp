@@ -227,20 +227,15 @@ int del(const std::string& id) {
     return 0;
 }
 
-struct BusDeleter {
-    void operator()(nkex_handle* handle) const { nkex_uninit(handle); }
-};
-using bus_ptr = std::unique_ptr<nkex_handle, BusDeleter>;
-
 struct ResponseDeleter {
     void operator()(Message* m) const { nkex_free_response(m); }
 };
 using response_ptr = std::unique_ptr<Message, ResponseDeleter>;
 
 // Answers come back to the client id, so each run has its own.
-bus_ptr connect_bus(nkex_msg_callback_t callback, void* context) {
+nk::nkex_ptr connect_bus(nkex_msg_callback_t callback, void* context) {
     const std::string name = fmt::format("nkdevices-{}", ::getpid());
-    bus_ptr bus(nkex_init(name.c_str(), callback, context, 1));
+    nk::nkex_ptr bus(nkex_init(name.c_str(), callback, context, 1));
     if (!bus) {
         const char* broker = std::getenv(nk::kBrokerEnv);
         fmt::print(stderr, "nkdevices: cannot reach the bus at {}\n",
@@ -278,7 +273,7 @@ void print_answer(const std::string& mac, const std::string& ip, const std::stri
 }
 
 int ask_device_id(const std::string& mac, const std::string& ip, bool json) {
-    const bus_ptr bus = connect_bus(nullptr, nullptr);
+    const nk::nkex_ptr bus = connect_bus(nullptr, nullptr);
     if (!bus)
         return kExitFailure;
     const nk::json_ptr body(json_pack("{s:s, s:s}", "mac", mac.c_str(), "ip", ip.c_str()));
@@ -344,7 +339,7 @@ int watch_notices(bool json) {
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);
     Watch watch;
     watch.json = json;
-    const bus_ptr bus = connect_bus(print_notice, &watch);
+    const nk::nkex_ptr bus = connect_bus(print_notice, &watch);
     if (!bus)
         return kExitFailure;
     const char* names[] = {"permanent_device_id", "clear_device_id_cache"};

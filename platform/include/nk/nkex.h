@@ -73,7 +73,16 @@ void nkex_uninit(nkex_handle* handle);
 
 #include <fmt/format.h>
 
+#include <memory>
 #include <string_view>
+
+namespace nk {
+/* Owns a connection: nkex_uninit when it goes. */
+struct NkexDeleter {
+    void operator()(nkex_handle* handle) const { nkex_uninit(handle); }
+};
+using nkex_ptr = std::unique_ptr<nkex_handle, NkexDeleter>;
+}  // namespace nk
 
 /* Log form: name, id, status and the payload text. */
 template <>
