@@ -18,6 +18,7 @@
 #include <nk/setmgmt.h>
 
 #include "globals.h"
+#include "storage_backlog.h"
 #include "storage_helpers.h"
 
 namespace {
@@ -63,7 +64,10 @@ std::vector<Device> cloud_list() {
 bool load_from_storage_and_sync(const std::vector<Device>& listed) {
     g_devices = listed;
     std::vector<Device> stored;
-    return load_devices_from_storage(stored) && sync_devices_to_storage(stored);
+    if (!load_devices_from_storage(stored))
+        return false;
+    sync_devices_to_storage(stored);
+    return g_storage_backlog.empty();
 }
 
 class ReloadFixture : public benchmark::Fixture {

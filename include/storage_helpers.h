@@ -28,23 +28,27 @@ public:
 
 private:
     std::vector<std::pair<std::string, std::string>> markers_;
+    std::vector<std::pair<std::string, bool>> devices_;  // id and flag, beside each marker
 };
 
 // With a batch, the marker is added to it and written by its flush.
 StoreOutcome store_device(const Device& device, bool flag, MarkerBatch* batch = nullptr);
 
 // A device's marker under /devices and its record in the device table; true when the record
-// was written (a failed marker is logged but does not change the result).
+// was written (a failed marker is logged but does not change the result). Whatever fails of
+// storing or removing joins the storage backlog, which retry_storage_backlog() works off.
 bool write_device_to_storage(const Device& device, bool flag);
 // False when the device is still stored, in part or whole.
 bool remove_device_from_storage(const Device& device);
+// Stores again, once due, what failed to be stored or removed; run by the loop.
+void retry_storage_backlog();
 std::optional<Device> load_device_from_storage(const std::string& device_id);
 bool load_devices_from_storage(std::vector<Device>& out);
 
 bool load_devices_from_cloud();
 // Carries local-only state over from the stored devices and drops those the cloud forgot;
-// false when a write or a removal failed, so the load is not complete.
-bool sync_devices_to_storage(const std::vector<Device>& stored);
+// what fails to be stored joins the storage backlog.
+void sync_devices_to_storage(const std::vector<Device>& stored);
 // Refreshes the fields of devices waiting for it; true when none is left waiting.
 bool sync_device_info();
 // Takes the loop back to "not loaded", so the next turn loads again.

@@ -17,8 +17,11 @@ std::unique_ptr<nk::Subprocess> make_collector(int leases_mode);
 extern std::unique_ptr<nk::Subprocess> g_subprocess;
 
 // Restarts a collector that is down, unless the last interface update found no valid LAN
-// interface, or it failed too often or started too recently.
+// interface, or it failed too often or started too recently. One the daemon stopped itself
+// is started again at once.
 void restart_subprocess();
+// Stops the collector for a phase that has no use for it.
+void stop_collector();
 // What the last interface update found.
 void set_lan_present(bool present);
 // One JSON message a line: {"type": "leases" | "avahi" | "upnp" | "netbios", "data": {...}}.

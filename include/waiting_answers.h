@@ -13,3 +13,8 @@ void signal_device_id_request();
 void serve_device_ids_while_waiting();
 // The loop answers only while it is active; so does the wait.
 void set_answering_while_waiting(bool active);
+// Until the loop is active and has its first lease table, requests for the devices the store
+// knows are answered from it, on this descriptor.
+int device_id_wake_fd();
+// Drains the descriptor and answers what the phase allows.
+void answer_device_id_requests_now();

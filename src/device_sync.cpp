@@ -15,8 +15,8 @@
 #include "cloud_request.h"
 #include "device.h"
 #include "globals.h"
-#include "repeat_filter.h"
 #include "storage_helpers.h"
+#include "stored_answers.h"
 
 namespace {
 
@@ -241,13 +241,14 @@ const Device* find_stored(const std::vector<Device>& stored, const std::string& 
 }
 
 // The stored MAC set stays; addresses stay only for MACs the cloud still lists, so that an
-// address is not found under a device the cloud has taken the MAC from.
+// address is not found under a device the cloud has taken the MAC from. A device the cloud
+// lists no MAC for (the BOX itself) has taken nothing, and keeps them all.
 nk::macips_t merge_local_macips(const nk::macips_t& stored, const CloudData& cloud) {
     nk::macips_t merged;
     for (const macaddr& mac : stored.macs) {
         merged.add_mac(mac);
         const auto ips = stored.ips.find(mac);
-        if (ips == stored.ips.end() || cloud.macs.count(mac_key(mac)) == 0)
+        if (ips == stored.ips.end() || (!cloud.macs.empty() && cloud.macs.count(mac_key(mac)) == 0))
             continue;
         for (const address& ip : ips->second)
             merged.add_ip(mac, ip);
@@ -276,49 +277,31 @@ void set_initial_onbox(Device& device) {
     }
 }
 
-// Counts the writes of one sync and remembers the first failure's error.
-struct SyncTally {
-    int failed = 0;
-    int error = 0;
-
-    void add(const StoreOutcome& outcome) {
-        if (outcome.complete())
-            return;
-        if (failed++ == 0)
-            error = outcome.error;
-    }
-};
-
-void sync_listed_device(Device& device, const std::vector<Device>& stored, SyncTally& tally,
-                        MarkerBatch& markers) {
+void sync_listed_device(Device& device, const std::vector<Device>& stored, MarkerBatch& markers) {
     if (!device.lock_device_key())
         return;
     if (const Device* s = find_stored(stored, device.cloud.device_id)) {
         carry_local_state(*s, device);
         if (device.cloud != s->cloud || device.local.device_id != s->local.device_id ||
             device.local.macips != s->local.macips)
-            tally.add(store_device(device, true, &markers));
+            store_device(device, true, &markers);
     } else {
         device.local.device_id = device.cloud.device_id;
-        tally.add(store_device(device, true, &markers));
+        store_device(device, true, &markers);
     }
     set_initial_onbox(device);
     // Costs nothing when the record and the marker are stored as they are already.
-    tally.add(store_device(device, true, &markers));
+    store_device(device, true, &markers);
     NK_LOG(nk::log::INFO, "Initial local onbox_info for device_id {:s} is: {}",
            device.cloud.device_id, device.local.onbox_info);
     device.unlock_device_key();
 }
 
-void forget_stored_device(const Device& stored, SyncTally& tally) {
+void forget_stored_device(const Device& stored) {
     Device device = stored;
     if (!device.lock_device_key())
         return;
-    if (!remove_device_from_storage(device)) {
-        StoreOutcome failed;
-        failed.error = nkerrno;
-        tally.add(failed);
-    }
+    remove_device_from_storage(device);
     // A device read back from storage has no cloud MACs, so its local ones count too.
     std::vector<macaddr> macs(device.local.macips.macs.begin(), device.local.macips.macs.end());
     for (const auto& entry : device.cloud.macs)
@@ -361,27 +344,16 @@ bool load_devices_from_cloud() {
     }
 }
 
-bool sync_devices_to_storage(const std::vector<Device>& stored) {
-    SyncTally tally;
+void sync_devices_to_storage(const std::vector<Device>& stored) {
     MarkerBatch markers;
     // By index: unlocking runs deferred events, which may grow the inventory.
     for (std::size_t i = 0; i < g_devices.size(); ++i)
-        sync_listed_device(g_devices[i], stored, tally, markers);
-    for (const StoreOutcome& outcome : markers.flush())
-        tally.add(outcome);
+        sync_listed_device(g_devices[i], stored, markers);
+    markers.flush();
     for (const Device& s : stored) {
         if (find_device_by_dev_id(s.cloud.device_id) == nullptr)
-            forget_stored_device(s, tally);
+            forget_stored_device(s);
     }
-    static RepeatFilter failures;
-    if (tally.failed == 0) {
-        failures.recovered();
-        return true;
-    }
-    NK_LOG(failures.level_of(tally.error, nk::log::WARN),
-           "Devices not stored: {:d} writes failed, the first with {}; the load runs again",
-           tally.failed, nk::errno_text(tally.error));
-    return false;
 }
 
 bool sync_device_info() {
@@ -402,6 +374,7 @@ bool sync_device_info() {
 }
 
 void reset_devices_loaded() {
+    forget_stored_ids();
     std::lock_guard lock(g_devices_loaded_mutex);
     g_cloud_devices_loaded = false;
     g_local_devices_loaded = false;

@@ -177,6 +177,8 @@ nk::macips_t box_macips(const std::vector<Interface>& interfaces) {
     return macips;
 }
 
+bool s_box_record_behind = false;  // main loop only
+
 // The BOX's own record carries its MACs and IPs, so that lookups by address find the BOX.
 bool store_box_macips(const std::string& box_id, const nk::macips_t& macips) {
     std::optional<Device> box = load_device_from_storage(box_id);
@@ -199,11 +201,9 @@ bool publish_table(const std::vector<Interface>& interfaces, const std::string& 
         NK_LOG(nk::log::INFO, "Saved interface {}", iface);
         g_interfaces.push_back(iface);
     }
-    if (!store_box_macips(box_id, box_macips(g_interfaces))) {
-        // Seen as a change next time, so the whole publication is repeated.
-        g_interfaces.clear();
-        return false;
-    }
+    // A table that cannot take the BOX's record does not hide the topology: the record is
+    // written again at each later update until it is stored.
+    s_box_record_behind = !store_box_macips(box_id, box_macips(g_interfaces));
     NK_LOG(nk::log::INFO, "Interfaces changed. Notifying listeners.");
     set_config_key(kConfigRefreshKey, "1");
     return true;
@@ -229,8 +229,11 @@ bool update_network_info(std::vector<Interface>& interfaces) {
     if (!read_table(interfaces))
         return false;
     std::lock_guard lock(g_interfaces_mutex);
-    if (same_table(interfaces, g_interfaces))
+    if (same_table(interfaces, g_interfaces)) {
+        if (s_box_record_behind)
+            s_box_record_behind = !store_box_macips(box_id, box_macips(g_interfaces));
         return false;
+    }
     return publish_table(interfaces, box_id);
 }
 

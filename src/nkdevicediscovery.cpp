@@ -33,7 +33,9 @@
 #include "nkex_callbacks.h"
 #include "onbox_guardian.h"
 #include "service_info.h"
+#include "storage_backlog.h"
 #include "storage_helpers.h"
+#include "stored_answers.h"
 #include "subprocess_messages.h"
 #include "utils.h"
 #include "waiting_answers.h"
@@ -300,7 +302,7 @@ void deactivate(Loop& loop) {
         nk::io::epoll_del_fd(loop.epoll, fd);
         nk::time::timer_stop(fd);
     }
-    g_subprocess->stop(true);
+    stop_collector();
     set_answering_while_waiting(false);
 }
 
@@ -334,9 +336,18 @@ bool inventory_loaded() {
     return g_local_devices_loaded && g_cloud_devices_loaded;
 }
 
+// Until the loop answers from the loaded inventory, it answers from the stored one.
+void watch_stored_answers(const Loop& loop, bool watch) {
+    if (watch)
+        nk::io::epoll_set_fd_ro(loop.epoll, device_id_wake_fd());
+    else
+        nk::io::epoll_del_fd(loop.epoll, device_id_wake_fd());
+}
+
 // Arms what the phase allows before the wait.
 void prepare_turn(Loop& loop) {
     if (!has_wan) {
+        watch_stored_answers(loop, false);
         deactivate(loop);
         return;
     }
@@ -345,11 +356,13 @@ void prepare_turn(Loop& loop) {
         nk::time::timer_stop(load_timer);
         nk::io::epoll_del_fd(loop.epoll, load_timer);
         activate(loop);
+        watch_stored_answers(loop, !leases_received());
         return;
     }
     nk::io::epoll_set_fd_ro(loop.epoll, load_timer);
     nk::time::timer_start(load_timer, 0, 2, false);
     deactivate(loop);
+    watch_stored_answers(loop, true);
 }
 
 std::string names_of(const std::vector<nk::netMgmt::Interface>& interfaces) {
@@ -415,11 +428,19 @@ void load_devices() {
         local_loaded = g_local_devices_loaded;
     }
     std::vector<Device> devices;
+    if (!cloud_loaded && !stored_ids_known()) {
+        std::vector<Device> stored;
+        if (load_devices_from_storage(stored))
+            remember_stored_ids(stored);
+    }
     if (!cloud_loaded)
         cloud_loaded = load_devices_from_cloud();
     if (cloud_loaded && !local_loaded) {
-        // Until every device is stored the load is not complete, and runs again.
-        local_loaded = load_devices_from_storage(devices) && sync_devices_to_storage(devices);
+        // The inventory in memory is what the daemon serves: writes that fail wait in the
+        // storage backlog, they do not hold the load back.
+        local_loaded = load_devices_from_storage(devices);
+        if (local_loaded)
+            sync_devices_to_storage(devices);
     }
     bool removed = false;
     {
@@ -434,7 +455,13 @@ void load_devices() {
                "loaded flag");
         reset_devices_loaded();
     } else if (cloud_loaded && local_loaded) {
-        NK_LOG(nk::log::INFO, "Devices loaded and synced!");
+        g_storage_backlog.report(g_now);
+        if (g_storage_backlog.empty()) {
+            NK_LOG(nk::log::INFO, "Devices loaded and synced!");
+        } else {
+            NK_LOG(nk::log::INFO, "Devices loaded; storage behind: {:d} devices not stored yet",
+                   g_storage_backlog.size());
+        }
     }
 }
 
@@ -497,10 +524,13 @@ void dispatch(Loop& loop, int fd) {
             g_subprocess->set_failures(0);
     } else if (fd == g_event_pipe[0]) {
         process_event_pipe();
+    } else if (fd == device_id_wake_fd()) {
+        answer_device_id_requests_now();
     } else if (fd == t.retry) {
         if (ticked(fd)) {
             retry_user_agents();
             retry_fingerprints();
+            retry_storage_backlog();
         }
     } else if (g_subprocess->pid() > 0 && fd == g_subprocess->fd()) {
         process_subprocess_messages(g_subprocess->recv());
@@ -542,6 +572,7 @@ void run_loop(Loop& loop) {
         purge_old_mac_timestamps();
         for (int i = 0; i < n; ++i)
             dispatch(loop, events[i].data.fd);
+        g_storage_backlog.report(g_now);
         if (gate >= 0)
             nk::io::epoll_del_fd(loop.epoll, gate);
     }

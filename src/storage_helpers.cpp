@@ -11,6 +11,7 @@
 
 #include "globals.h"
 #include "repeat_filter.h"
+#include "storage_backlog.h"
 
 namespace {
 
@@ -30,6 +31,17 @@ void marker_written(StoreOutcome& outcome, const std::string& key, int err) {
         NK_LOG(nk::log::INFO, "device markers are written again");
 }
 
+// Whatever did not reach both stores stays in the backlog until a retry gets it there.
+void note(const std::string& device_id, bool flag, const StoreOutcome& outcome) {
+    if (outcome.complete()) {
+        g_storage_backlog.written(device_id);
+        return;
+    }
+    const StorageBacklog::Store store =
+        outcome.table ? StorageBacklog::Store::Settings : StorageBacklog::Store::Table;
+    g_storage_backlog.write_failed(device_id, flag, store, outcome.error, g_now);
+}
+
 }  // namespace
 
 StoreOutcome store_device(const Device& device, bool flag, MarkerBatch* batch) {
@@ -37,6 +49,7 @@ StoreOutcome store_device(const Device& device, bool flag, MarkerBatch* batch) {
     nk::_set_nkerrno(0);
     if (!device.to_devmgmt_device().write_to_shmem()) {
         outcome.error = nkerrno != 0 ? nkerrno : EIO;
+        note(device.cloud.device_id, flag, outcome);
         return outcome;
     }
     outcome.table = true;
@@ -47,11 +60,13 @@ StoreOutcome store_device(const Device& device, bool flag, MarkerBatch* batch) {
     }
     const nk::path key = device.device_key();
     marker_written(outcome, key, nk::setMgmt::setKey(key, flag ? "1" : "0") < 0 ? nkerrno : 0);
+    note(device.cloud.device_id, flag, outcome);
     return outcome;
 }
 
 void MarkerBatch::add(const Device& device, bool flag) {
     markers_.emplace_back(device.device_key(), flag ? "1" : "0");
+    devices_.emplace_back(device.cloud.device_id, flag);
 }
 
 std::vector<StoreOutcome> MarkerBatch::flush() {
@@ -61,8 +76,10 @@ std::vector<StoreOutcome> MarkerBatch::flush() {
     for (std::size_t i = 0; i < markers_.size(); ++i) {
         outcomes[i].table = true;
         marker_written(outcomes[i], markers_[i].first, i < errors.size() ? errors[i] : EIO);
+        note(devices_[i].first, devices_[i].second, outcomes[i]);
     }
     markers_.clear();
+    devices_.clear();
     return outcomes;
 }
 
@@ -74,17 +91,64 @@ bool remove_device_from_storage(const Device& device) {
     NK_LOG(nk::log::INFO, "removing device from storage: {:s}", device.cloud.device_id);
     const nk::path key = device.device_key();
     bool removed = true;
+    int error = 0;
     if (nk::setMgmt::deleteKey(key) < 0) {
         const int err = nkerrno;
         NK_LOG(nk::log::WARN, "{} removeKey error: {}", key, nk::errno_text(err));
         removed = err == ENOENT;
+        error = removed ? 0 : err;
     }
     // A record already gone is what was wanted; any other failure keeps the device stored.
     nk::devMgmt::Device record = device.to_devmgmt_device();
     nk::_set_nkerrno(0);
-    if (!record.delete_shmem() && nkerrno != 0)
+    StorageBacklog::Store store = StorageBacklog::Store::Settings;
+    if (!record.delete_shmem() && nkerrno != 0) {
         removed = false;
+        store = StorageBacklog::Store::Table;
+        error = nkerrno;
+    }
+    if (removed)
+        g_storage_backlog.removed(device.cloud.device_id);
+    else
+        g_storage_backlog.removal_failed(device, store, error, g_now);
     return removed;
+}
+
+void retry_storage_backlog() {
+    if (!g_storage_backlog.due(g_now))
+        return;
+    for (const auto& [device_id, flag] : g_storage_backlog.writes()) {
+        if (Device* device = find_device_by_dev_id(device_id)) {
+            if (!device->lock_device_key())
+                continue;
+            store_device(*device, flag);
+            device->unlock_device_key();
+            continue;
+        }
+        // Not listed by the cloud (the BOX's own record): its record in the table is the truth,
+        // and only its marker is missing; with no record it has nothing to store.
+        std::optional<Device> stored = load_device_from_storage(device_id);
+        if (!stored) {
+            g_storage_backlog.written(device_id);
+            continue;
+        }
+        if (!stored->lock_device_key())
+            continue;
+        store_device(*stored, flag);
+        stored->unlock_device_key();
+    }
+    for (Device& device : g_storage_backlog.removals()) {
+        if (find_device_by_dev_id(device.cloud.device_id) != nullptr) {
+            g_storage_backlog.removed(device.cloud.device_id);  // back in the inventory
+            continue;
+        }
+        if (!device.lock_device_key())
+            continue;
+        remove_device_from_storage(device);
+        device.unlock_device_key();
+    }
+    g_storage_backlog.retried(g_now);
+    g_storage_backlog.report(g_now);
 }
 
 std::optional<Device> load_device_from_storage(const std::string& device_id) {

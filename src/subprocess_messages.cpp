@@ -11,6 +11,8 @@ std::unique_ptr<nk::Subprocess> g_subprocess;
 namespace {
 bool g_leases_received = false;
 bool g_lan_present = false;
+// The collector was running when the daemon stopped it: that is no failure to pace.
+bool g_stopped_on_purpose = false;
 }  // namespace
 
 std::unique_ptr<nk::Subprocess> make_collector(int leases_mode) {
@@ -26,6 +28,14 @@ std::unique_ptr<nk::Subprocess> make_collector(int leases_mode) {
                                   nk::common_path_kind1() + "/nkdevinfo", {arg});
 }
 
+void stop_collector() {
+    if (!g_subprocess)
+        return;
+    if (g_subprocess->pid() > 0)
+        g_stopped_on_purpose = true;
+    g_subprocess->stop(true);
+}
+
 void set_lan_present(bool present) {
     g_lan_present = present;
 }
@@ -36,9 +46,11 @@ void restart_subprocess() {
         return;
     if (g_subprocess->failures() > g_retry_interval["subprocess_respawn_retries"])
         return;
-    if (g_now - g_subprocess->started_at() < g_retry_interval["subprocess_respawn_frequency"]) {
+    if (!g_stopped_on_purpose &&
+        g_now - g_subprocess->started_at() < g_retry_interval["subprocess_respawn_frequency"]) {
         return;
     }
+    g_stopped_on_purpose = false;
     NK_LOG(nk::log::INFO, "Restarting {}, fails={}", *g_subprocess, g_subprocess->failures());
     g_subprocess->restart();
 }

@@ -10,6 +10,7 @@
 
 #include "event_processors.h"
 #include "globals.h"
+#include "stored_answers.h"
 #include "subprocess_messages.h"
 
 namespace {
@@ -19,15 +20,26 @@ std::atomic<int> s_wake{-1};
 bool s_active = false;  // main loop only
 
 void answer_queued_requests(void* /*context*/) {
-    std::uint64_t count = 0;
-    while (::read(s_wake.load(), &count, sizeof count) > 0) {
-    }
-    // The inventory is the loop's own; this runs on the loop's thread, inside its wait.
-    if (s_active && leases_received())
-        process_device_id_requests();
+    answer_device_id_requests_now();
 }
 
 }  // namespace
+
+void answer_device_id_requests_now() {
+    std::uint64_t count = 0;
+    while (::read(s_wake.load(), &count, sizeof count) > 0) {
+    }
+    // The inventory is the loop's own; this runs on the loop's thread, inside its wait or
+    // between its turns.
+    if (s_active && leases_received())
+        process_device_id_requests();
+    else if (stored_ids_known())
+        answer_from_stored_ids();
+}
+
+int device_id_wake_fd() {
+    return s_wake.load();
+}
 
 bool open_device_id_wake() {
     s_wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);

@@ -8,9 +8,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <sstream>
 
@@ -215,30 +217,58 @@ TEST_F(DaemonRunTest, ASecondDaemonOnTheSameStoreRefusesToStart) {
     EXPECT_EQ(daemon_.stop(SIGTERM), 0);
 }
 
-// The settings store on a small tmpfs in this test's own mount namespace, so it can be filled
-// up and emptied again; the mount disappears with the namespace.
-class FullStoreTest : public DaemonRunTest {
+// A BOX of its own: the settings store and the device table on small tmpfs mounts in this
+// test's mount namespace, so they can be filled and emptied; a LAN interface in its network
+// namespace with the real collector reading a lease file. Both vanish with the process.
+class DegradedStoreTest : public DaemonRunTest {
 protected:
+    static constexpr int kListed = 25;
+
     void SetUp() override {
         if (::geteuid() != 0)
-            GTEST_SKIP() << "mounting a small store needs root";
-        ASSERT_EQ(::unshare(CLONE_NEWNS), 0) << std::strerror(errno);
+            GTEST_SKIP() << "mounting small stores and making a LAN interface needs root";
+        ASSERT_EQ(::unshare(CLONE_NEWNS | CLONE_NEWNET), 0) << std::strerror(errno);
         ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        ASSERT_EQ(::mkdir(settings_.c_str(), 0755), 0);
-        ASSERT_EQ(::mount("tmpfs", settings_.c_str(), "tmpfs", 0, "size=512k"), 0);
-        mounted_ = true;
+        for (const std::string& dir : {settings_, devmgmt_}) {
+            ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
+            ASSERT_EQ(::mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=512k"), 0);
+            mounted_.push_back(dir);
+        }
+        ASSERT_EQ(nk::test::run_command("ip link add lan0 type veth peer name lan1 && "
+                                        "ip addr add 198.51.100.1/24 dev lan0 && "
+                                        "ip link set lan0 up && ip link set lan1 up"),
+                  0);
         DaemonRunTest::SetUp();
+        ASSERT_EQ(nkset("set /network/interfaces/roles/wan0 wan"), 0);
+        ASSERT_EQ(nkset("set /network/interfaces/roles/lan0 lan"), 0);
+        ASSERT_EQ(nkset("set /network/dhcp/leases_mode 0"), 0);
+        ASSERT_EQ(nkset("set /network/dhcp/lease_files " + leases_), 0);
+        ASSERT_EQ(nkset("set /features/ids/0 1"), 0);  // no scanning of the LAN
     }
     void TearDown() override {
         daemon_.stop(SIGTERM);
         cloud_.stop(SIGTERM);
-        if (mounted_)
-            ::umount2(settings_.c_str(), MNT_DETACH);
+        for (const std::string& dir : mounted_)
+            ::umount2(dir.c_str(), MNT_DETACH);
     }
 
-    // Writes until the store has no room left.
-    void fill() {
-        const nk::io::unique_fd fd(::open(filler_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    // The cloud lists kListed devices; the lease file has them and one client it does not know.
+    void make_lan() {
+        std::ofstream leases(leases_);
+        for (int i = 0; i <= kListed; ++i) {
+            const std::string mac = fmt::format("02:00:00:00:01:{:02x}", i);
+            if (i < kListed)
+                ids_[mac] = emu("add " + mac);
+            leases << fmt::format("{} {} 198.51.100.{} host{} *\n", ::time(nullptr) + 3600, mac,
+                                  10 + i, i);
+        }
+        ASSERT_TRUE(cloud_.start({NK_CLOUD_EMU_BIN, "-f", "--db", db_, "serve"}));
+        ASSERT_TRUE(cloud_.wait_for_line("cloud ready"));
+    }
+    // Writes until the mount has no room left.
+    void fill(const std::string& dir) {
+        const nk::io::unique_fd fd(
+            ::open((dir + "/filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
         ASSERT_TRUE(fd);
         const std::string block(4096, 'x');
         while (::write(fd.get(), block.data(), block.size()) > 0) {
@@ -252,49 +282,126 @@ protected:
                       std::string(NK_CLOUD_EMU_BIN) + " --db " + db_ + " " + command, &out),
                   0)
             << command;
-        return out;
+        return out.substr(0, out.find('\n'));
     }
 
-    bool mounted_ = false;
-    const std::string filler_ = settings_ + "/filler";
+    // Devices the cloud lists, the BOX among them.
+    int count_cloud() {
+        std::string out;
+        nk::test::run_command(std::string(NK_CLOUD_EMU_BIN) + " --db " + db_ + " list", &out);
+        return static_cast<int>(std::count(out.begin(), out.end(), '\n'));
+    }
+
+    // The daemon's answer to request_device_id, as another daemon gets it.
+    std::string ask(const std::string& mac, const std::string& ip) {
+        nkex_handle* client = nkex_init("asker", nullptr, nullptr, 1);
+        if (client == nullptr)
+            return "no bus";
+        Message request{};
+        std::snprintf(request.name, sizeof request.name, "request_device_id");
+        const std::string body = fmt::format(R"({{"mac":"{}","ip":"{}"}})", mac, ip);
+        request.data = body.data();
+        request.length = body.size();
+        Message* response = nullptr;
+        std::string id = "no answer";
+        if (nkex_send_request_and_wait_response(client, &request, &response) == 0) {
+            const nk::json_ptr answer(json_loadb(response->data, response->length, 0, nullptr));
+            const char* text = nk::json_string_member(answer.get(), "device_id");
+            id = text ? text : "bad answer";
+            nkex_free_response(response);
+        }
+        nkex_uninit(client);
+        return id;
+    }
+
+    // Every device of the cloud, with its marker and its record in the table.
+    int stored_devices() {
+        int stored = 0;
+        for (const auto& [mac, id] : ids_) {
+            nk::devMgmt::Device record;
+            record.device_id = id;
+            stored += nk::setMgmt::getKeyValue("/devices/" + id, "") == "1" &&
+                      record.load_from_shmem(false, true);
+        }
+        nk::devMgmt::close_table();
+        return stored;
+    }
+
+    std::vector<std::string> mounted_;
+    const std::string devmgmt_ = dir_ / "devmgmt";
+    const std::string leases_ = dir_ / "dnsmasq.leases";
     const std::string db_ = dir_ / "cloud.db";
+    std::map<std::string, std::string> ids_;  // MAC to the cloud's device id
     nk::test::ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
     nk::test::ScopedEnv settings_env_{"NK_SETTINGS_DIR", settings_};
-    nk::test::ScopedEnv devmgmt_env_{"NK_DEVMGMT_DIR", dir_ / "devmgmt"};
+    nk::test::ScopedEnv devmgmt_env_{"NK_DEVMGMT_DIR", devmgmt_};
+    nk::test::ScopedEnv collector_env_{"NK_LIBEXEC_DIR", NK_COLLECTOR_DIR};
     DaemonProcess cloud_;
 };
 
-TEST_F(FullStoreTest, NothingIsLoadedUntilEveryDeviceIsStored) {
-    ASSERT_EQ(nkset("set /network/interfaces/roles/wan0 wan"), 0);
-    for (int i = 0; i < 25; ++i)
-        emu(fmt::format("add 02:00:00:00:01:{:02x}", i));
-    ASSERT_TRUE(cloud_.start({NK_CLOUD_EMU_BIN, "-f", "--db", db_, "serve"}));
-    ASSERT_TRUE(cloud_.wait_for_line("cloud ready"));
-    fill();
+struct FullStores {
+    const char* name;
+    bool settings;
+    bool table;
+};
+
+class FullStoreTest : public DegradedStoreTest, public ::testing::WithParamInterface<FullStores> {};
+
+// A full store or table never stops the answers, the registrations or the load; once room
+// returns, every device is stored.
+TEST_P(FullStoreTest, DelaysStorageOnly) {
+    make_lan();
+    // The table exists before it fills up, as on a box that ran before.
+    nk::devMgmt::Device first;
+    first.device_id = "first";
+    ASSERT_TRUE(first.write_to_shmem() && first.delete_shmem());
+    nk::devMgmt::close_table();
+    if (GetParam().settings)
+        fill(settings_);
+    if (GetParam().table)
+        fill(devmgmt_);
 
     ASSERT_TRUE(start());
-    ASSERT_TRUE(daemon_.wait_for_line("Devices not stored"));
-    // Two more attempts on the load timer, each failing again, but reported once.
-    ASSERT_TRUE(nk::test::wait_until(
-        [&] { return daemon_.count_lines("loading devices from storage") >= 3; }, 8s));
+    ASSERT_TRUE(daemon_.wait_for_line("Devices loaded; storage behind", 10s));
+    const auto& [mac, id] = *ids_.begin();
+    EXPECT_EQ(ask(mac, "198.51.100.10"), id);
+    // The client the cloud did not know is registered all the same.
+    ASSERT_TRUE(nk::test::wait_until([&] { return count_cloud() > kListed + 1; }, 10s));
     EXPECT_EQ(daemon_.count_lines("Devices loaded and synced!"), 0);
-    EXPECT_EQ(count_lines_at("WARN", "Devices not stored"), 1);
-    EXPECT_EQ(count_lines_at("WARN", "setKey error: No space left on device"), 1);
 
-    ASSERT_EQ(::unlink(filler_.c_str()), 0);
-    ASSERT_TRUE(daemon_.wait_for_line("Devices loaded and synced!"));
-    std::istringstream listed(emu("list"));
-    int stored = 0;
-    for (std::string line; std::getline(listed, line);) {
-        const nk::json_ptr device(json_loads(line.c_str(), 0, nullptr));
-        nk::devMgmt::Device record;
-        record.device_id = json_string_value(json_object_get(device.get(), "device_id"));
-        EXPECT_EQ(nk::setMgmt::getKeyValue("/devices/" + record.device_id, ""), "1");
-        EXPECT_TRUE(record.load_from_shmem(false, true)) << record.device_id;
-        ++stored;
+    for (const std::string& dir : {settings_, devmgmt_})
+        ::unlink((dir + "/filler").c_str());
+    ASSERT_TRUE(daemon_.wait_for_line("devices stored after", 70s));
+    EXPECT_EQ(count_lines_at("WARN", "Storage failing"), 1);
+    EXPECT_EQ(stored_devices(), kListed);
+}
+
+INSTANTIATE_TEST_SUITE_P(Stores, FullStoreTest,
+                         ::testing::Values(FullStores{"settings", true, false},
+                                           FullStores{"table", false, true},
+                                           FullStores{"both", true, true}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// A restarted daemon answers from the stored inventory while the cloud is silent, and the
+// collector it stopped itself while loading starts again at once, not after a respawn pause.
+TEST_F(DegradedStoreTest, ARestartedDaemonAnswersKnownDevicesAtOnce) {
+    make_lan();
+    const auto& [mac, id] = *ids_.begin();
+    for (const bool silent : {false, true}) {
+        SCOPED_TRACE(silent ? "silent cloud" : "first start");
+        if (silent)
+            ::kill(cloud_.pid(), SIGSTOP);
+        ASSERT_TRUE(start());
+        ASSERT_TRUE(daemon_.wait_for_line("disco ready"));
+        const auto asked = std::chrono::steady_clock::now();
+        EXPECT_EQ(ask(mac, "198.51.100.10"), id);
+        EXPECT_LT(std::chrono::steady_clock::now() - asked, 2s);
+        if (silent)
+            ::kill(cloud_.pid(), SIGCONT);
+        ASSERT_TRUE(daemon_.wait_for_line("Devices loaded and synced!", 10s));
+        EXPECT_TRUE(daemon_.wait_for_line("Restarting", 3s));
+        ASSERT_EQ(daemon_.stop(SIGTERM), 0);
     }
-    EXPECT_GE(stored, 25);
-    nk::devMgmt::close_table();
 }
 
 }  // namespace

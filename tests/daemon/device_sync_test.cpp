@@ -212,7 +212,13 @@ TEST_F(EmulatedCloudTest, SyncCarriesLocalStateOverAndDropsWhatTheCloudForgot) {
     old.local.macips.add_ip(dropped, address("192.168.1.20"));
     gone.cloud.device_id = "gone";
     gone.local.macips.add_ip(forgotten, address("192.168.1.30"));
-    for (const Device& d : {old, gone})
+    // The BOX's record, as the topology stores it: the cloud lists no MAC of the BOX.
+    Device box;
+    box.cloud.device_id = g_device_id;
+    const macaddr box_mac("02:00:00:00:01:01");
+    box.local.macips.add_ip(box_mac, address("192.168.1.1"));
+    box.local.macips.add_ip(box_mac, address("2001:db8:1::1"));
+    for (const Device& d : {old, gone, box})
         ASSERT_TRUE(write_device_to_storage(d, true));
     for (const macaddr& mac : {kept, forgotten}) {
         g_user_agent_cache.add(mac, {"agent"});
@@ -244,6 +250,20 @@ TEST_F(EmulatedCloudTest, SyncCarriesLocalStateOverAndDropsWhatTheCloudForgot) {
     EXPECT_FALSE(load_device_from_storage("gone"));
     EXPECT_EQ(g_user_agent_cache.count(forgotten) + g_fingerprint_cache.count(forgotten), 0u);
     EXPECT_EQ(g_user_agent_cache.count(kept), 1u);
+
+    // The BOX keeps its addresses through the load and through every reload after it.
+    for (int load = 0; load < 2; ++load) {
+        if (load > 0) {
+            ASSERT_TRUE(load_devices_from_cloud());
+            stored.clear();
+            ASSERT_TRUE(load_devices_from_storage(stored));
+            sync_devices_to_storage(stored);
+        }
+        const std::optional<Device> b = load_device_from_storage(g_device_id);
+        ASSERT_TRUE(b) << load;
+        EXPECT_EQ(b->local.macips.get_ips(box_mac, true), box.local.macips.get_ips(box_mac, true))
+            << load;
+    }
 }
 
 TEST_F(EmulatedCloudTest, RefreshStoresChangedFieldsAndKeepsThisBoxsOnbox) {

@@ -19,6 +19,14 @@ DaemonProcess::~DaemonProcess() {
 }
 
 bool DaemonProcess::start(const std::vector<std::string>& argv) {
+    // A second run of the same object starts with the log of its own.
+    if (reader_.joinable())
+        reader_.join();
+    {
+        const std::lock_guard lock(mutex_);
+        lines_.clear();
+        eof_ = false;
+    }
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) != 0)
         return false;
