@@ -117,6 +117,10 @@ TEST(BrokerAccountsTest, OnlyKnownAccountsGetIn) {
 TEST(BrokerAccountsTest, EachAccountPublishesOnlyItsOwnTopics) {
     nk::test::TempDir scratch;
     nk::test::TestBroker broker;
+    // Another daemon's account, kept by the run of bus-credentials that starting the broker makes.
+    ASSERT_EQ(nk::test::run_command(std::string(NK_BUS_CREDENTIALS) + " " + (scratch / "bus") +
+                                    " --asker parental"),
+              0);
     broker.require_accounts(scratch / "bus");
     ASSERT_TRUE(broker.start());
     struct Case {
@@ -139,6 +143,10 @@ TEST(BrokerAccountsTest, EachAccountPublishesOnlyItsOwnTopics) {
         {"nkdevicediscovery", "nkex/msg/permanent_device_id", true},
         {"nkcloudd", "nkex/msg/permanent_device_id", false},
         {"nksifter", "nkex/msg/clear_device_id_cache", false},
+        {"parental", "nkex/msg/request_device_id", true},
+        {"parental", "nkex/msg/permanent_device_id", false},
+        {"parental", "nkex/msg/sifter_dhcp_payload", false},
+        {"parental", "nkex/rsp/nkdevices-42", false},
     };
     for (const Case& c : cases) {
         // mosquitto_pub warns of a publish the broker refused, and exits 0 all the same.
