@@ -202,7 +202,8 @@ TEST_F(DhcpParserTest, EveryPrefixOfARealPacketIsRejectedWithItsLine) {
 
 // A DHCPv4 client request: the fixed header with a chaddr, the cookie, then `options`.
 Bytes v4(const Bytes& options, const macaddr& chaddr = kOtherMac, std::uint8_t op = 1) {
-    Bytes m(240, 0);
+    // Sized whole up front: GCC 12 at -O3 misreads a growing insert into a 240-byte vector.
+    Bytes m(240 + options.size(), 0);
     m[0] = op;
     m[1] = 1;
     m[2] = 6;
@@ -210,7 +211,7 @@ Bytes v4(const Bytes& options, const macaddr& chaddr = kOtherMac, std::uint8_t o
         m[28 + i] = chaddr.bytes()[i];
     const std::uint8_t cookie[] = {0x63, 0x82, 0x53, 0x63};
     std::copy(cookie, cookie + 4, m.begin() + 236);
-    m.insert(m.end(), options.begin(), options.end());
+    std::copy(options.begin(), options.end(), m.begin() + 240);
     return m;
 }
 
