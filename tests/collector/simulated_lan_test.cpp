@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <csignal>
 #include <map>
 #include <sstream>
@@ -125,19 +126,29 @@ TEST_F(SimulatedLanTest, EveryClientIsDiscoveredFollowedAndKeptWhenItRotatesItsM
             << c.name;
     }
 
-    // The cloud has each under its host name, with its guest flag and its addresses.
-    std::string listed;
-    ASSERT_EQ(
-        nk::test::run_command(std::string(NK_CLOUD_EMU_BIN) + " --db " + db_ + " list", &listed),
-        0);
-    std::istringstream lines(listed);
+    // The cloud has each under its host name, with its guest flag and its addresses. They
+    // reach it in the onbox report that follows the table's write, so they may come later.
     std::map<std::string, const json_t*> by_name;
     std::vector<nk::json_ptr> devices;
-    for (std::string line; std::getline(lines, line);) {
-        devices.emplace_back(json_loads(line.c_str(), 0, nullptr));
-        by_name[nk::json_string_member(devices.back().get(), "box_detected_name")] =
-            devices.back().get();
-    }
+    const auto listed_with_addresses = [&] {
+        std::string listed;
+        nk::test::run_command(std::string(NK_CLOUD_EMU_BIN) + " --db " + db_ + " list", &listed);
+        std::istringstream lines(listed);
+        by_name.clear();
+        devices.clear();
+        for (std::string line; std::getline(lines, line);) {
+            devices.emplace_back(json_loads(line.c_str(), 0, nullptr));
+            const char* name = nk::json_string_member(devices.back().get(), "box_detected_name");
+            by_name[name ? name : ""] = devices.back().get();
+        }
+        return std::all_of(std::begin(kClients), std::end(kClients), [&](const Client& c) {
+            return by_name.count(c.name) &&
+                   json_array_size(nk::json_object_get_recursive(
+                       by_name[c.name], {"ip_list", macs[c.name].to_string().c_str(), "ipv4"})) ==
+                       1;
+        });
+    };
+    EXPECT_TRUE(nk::test::wait_until(listed_with_addresses, 30s));
     for (const Client& c : kClients) {
         ASSERT_EQ(by_name.count(c.name), 1u) << c.name;
         EXPECT_EQ(json_integer_value(json_object_get(by_name[c.name], "network")), c.guest);
