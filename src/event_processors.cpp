@@ -15,6 +15,7 @@
 #include "device_id_answers.h"
 #include "globals.h"
 #include "network_info.h"
+#include "rotated_macs.h"
 #include "storage_helpers.h"
 #include "subprocess_messages.h"
 #include "utils.h"
@@ -53,7 +54,10 @@ bool cached(const nk::Cache<macaddr, nk::AdditionalInfo<T>>& cache, std::mutex& 
 }
 
 void handle_user_agent(const UserAgent& agent) {
-    const macaddr mac = get_real_mac(agent.mac, agent.ip);
+    // A rotated phone browses from addresses its lease does not name (SLAAC): its MAC decides.
+    macaddr mac = get_real_mac(agent.mac, agent.ip);
+    if (mac == agent.mac)
+        mac = real_mac_of(agent.mac);
     const std::string device_id = get_device_id(mac);
     NK_LOG(nk::log::DEBUG, "mac={}, device_id={:s}", mac, device_id);
     if (is_temporary(device_id))
@@ -75,7 +79,7 @@ void update_detected_name(const macaddr& mac, const std::string& hostname) {
     device->unlock_device_key();
 }
 
-void handle_dhcp_result(const nk::DhcpResult& result) {
+void take_dhcp_result(const nk::DhcpResult& result) {
     if (!result.hostname.empty())
         update_detected_name(result.mac, result.hostname);
     const nk::DhcpFingerprint& fingerprint = result.fingerprint;
@@ -91,6 +95,20 @@ void handle_dhcp_result(const nk::DhcpResult& result) {
         return;
     }
     send_dhcp_fingerprint(result.mac, fingerprint);
+}
+
+// Under the MAC the client had before it took a random one; an unexplained random MAC waits for
+// the leases that may explain it.
+void handle_dhcp_result(nk::DhcpResult result) {
+    const macaddr real = real_mac_of(result.mac);
+    if (real != result.mac) {
+        NK_LOG(nk::log::DEBUG, "DHCP message of {} taken under its earlier MAC {}", result.mac,
+               real);
+        result.mac = real;
+    } else if (hold_dhcp_result(result, g_now)) {
+        return;
+    }
+    take_dhcp_result(result);
 }
 
 template <typename Cache>
@@ -184,6 +202,8 @@ void process_sifter_user_agents() {
 }
 
 void process_dhcp_results() {
+    for (const nk::DhcpResult& result : release_dhcp_results(g_now))
+        take_dhcp_result(result);
     for (const nk::DhcpResult& result : take_queue(g_dhcp_results, g_dhcp_results_mutex))
         handle_dhcp_result(result);
 }

@@ -14,6 +14,7 @@
 #include "leases.h"
 #include "network_info.h"
 #include "nkex_callbacks.h"
+#include "rotated_macs.h"
 #include "storage_helpers.h"
 #include "subprocess_messages.h"
 #include "utils.h"
@@ -198,6 +199,9 @@ void process_leases(const json_t* data) {
         g_devices[i].unlock_device_key();
     }
 
+    // DHCP messages of random MACs waiting for these leases are taken now.
+    if (held_dhcp_results() > 0)
+        wake_main_loop();
     if (!leases_received()) {
         set_leases_received(true);
         // Requests that waited for the first leases are answered now, not at the next event.

@@ -32,6 +32,7 @@
 #include "network_info.h"
 #include "nkex_callbacks.h"
 #include "onbox_guardian.h"
+#include "rotated_macs.h"
 #include "service_info.h"
 #include "storage_backlog.h"
 #include "storage_helpers.h"
@@ -531,6 +532,9 @@ void dispatch(Loop& loop, int fd) {
             retry_user_agents();
             retry_fingerprints();
             retry_storage_backlog();
+            // Held DHCP messages whose wait is over are taken on the event pipe's pass.
+            if (held_dhcp_results() > 0)
+                wake_main_loop();
         }
     } else if (g_subprocess->pid() > 0 && fd == g_subprocess->fd()) {
         process_subprocess_messages(g_subprocess->recv());

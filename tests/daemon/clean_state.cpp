@@ -2,10 +2,14 @@
 // the case before it left behind, so that cases pass alone, in any order and repeated.
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <memory>
 
 #include "globals.h"
 #include "network_info.h"
+#include "rotated_macs.h"
+#include "storage_backlog.h"
+#include "stored_answers.h"
 #include "subprocess_messages.h"
 #include "utils.h"
 #include "waiting_answers.h"
@@ -37,6 +41,9 @@ void reset_daemon_state() {
     set_leases_received(false);
     set_answering_while_waiting(false);
     close_device_id_wake();
+    release_dhcp_results(std::numeric_limits<long>::max());
+    forget_stored_ids();
+    g_storage_backlog = StorageBacklog();
     {
         const std::lock_guard lock(g_interfaces_mutex);
         g_interfaces.clear();

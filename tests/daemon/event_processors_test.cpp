@@ -20,6 +20,7 @@
 #include "network_info.h"
 #include "nkex_callbacks.h"
 #include "queue_limits.h"
+#include "rotated_macs.h"
 #include "scripted_cloud.h"
 #include "service_info.h"
 #include "stderr_capture.h"
@@ -290,6 +291,52 @@ TEST_F(EventProcessorsTest, InfoRefusedUnderTheTemporaryIdIsResubmittedAtRegistr
         }
         EXPECT_EQ(ids, (std::vector<std::string>{temporary, "d-1"})) << command;
     }
+}
+
+// A phone that took a random MAC sends its DHCP messages before the leases say whose MAC it is:
+// they wait for the leases, go to the device it was, and spend no temporary id. What nothing
+// explains is taken as it came once the wait is over.
+TEST_F(EventProcessorsTest, DhcpMessagesOfARotatedMacReachTheDeviceItWas) {
+    set_leases_received(true);
+    g_feature_additional_info = true;
+    cloud_.set("set_device_additional_info", R"({"result": {"status": 0}})");
+    cloud_.set("connect_device", nk::test::id_answer("d-7").c_str());
+    const macaddr rotated("02:11:22:33:44:55"), stranger("06:11:22:33:44:66");
+    const auto queue = [](const macaddr& mac, const char* options) {
+        nk::DhcpResult dhcp;
+        dhcp.mac = mac;
+        dhcp.fingerprint.option_list = options;
+        const std::lock_guard lock(g_dhcp_results_mutex);
+        g_dhcp_results.push_back(dhcp);
+    };
+    const auto fingerprint_ids = [&] {
+        std::vector<std::string> ids;
+        for (const auto& [name, body] : cloud_.sent()) {
+            const nk::json_ptr root(json_loads(body.c_str(), 0, nullptr));
+            if (name == "set_device_additional_info")
+                ids.push_back(json_string_value(json_object_get(
+                    json_object_get(root.get(), "connect_destination"), "device_id")));
+        }
+        return ids;
+    };
+    queue(rotated, "1,3,6");
+    queue(stranger, "1,3,15");
+    process_event_pipe();
+    EXPECT_TRUE(fingerprint_ids().empty());
+
+    {
+        const std::lock_guard lock(g_mangled_macs_mutex);
+        g_mangled_macs = {{kKnown, rotated, address("192.168.1.20")}};
+    }
+    process_event_pipe();
+    ASSERT_TRUE(nk::test::wait_until([&] { return fingerprint_ids().size() == 1; }));
+    EXPECT_EQ(fingerprint_ids(), std::vector<std::string>{"d-7"});
+    EXPECT_EQ(g_temporary_device_ids.count(mac_key(rotated)), 0u);
+
+    g_now += kDhcpWait;
+    process_event_pipe();
+    ASSERT_TRUE(nk::test::wait_until([&] { return fingerprint_ids().size() == 2; }));
+    EXPECT_TRUE(is_temporary(fingerprint_ids().back()));
 }
 
 TEST_F(EventProcessorsTest, ServiceInformationIsSentWhenDue) {

@@ -1,0 +1,65 @@
+#include "rotated_macs.h"
+
+#include <mutex>
+
+#include <nk/log.h>
+
+#include "globals.h"
+#include "utils.h"
+
+namespace {
+
+struct Held {
+    nk::DhcpResult result;
+    long since = 0;
+};
+
+std::vector<Held> s_held;  // main loop only
+
+bool explained(const macaddr& mac) {
+    return real_mac_of(mac) != mac || find_device_by_mac(mac) != nullptr ||
+           g_temporary_device_ids.count(mac_key(mac)) != 0;
+}
+
+}  // namespace
+
+macaddr real_mac_of(const macaddr& mac) {
+    const std::lock_guard lock(g_mangled_macs_mutex);
+    for (const nk::leases::v4::mangled_mac_t& mangled : g_mangled_macs) {
+        if (mangled.fake_mac == mac)
+            return mangled.real_mac;
+    }
+    return mac;
+}
+
+bool is_locally_administered(const macaddr& mac) {
+    return (mac.bytes()[0] & 0x02) != 0;
+}
+
+bool hold_dhcp_result(const nk::DhcpResult& result, long now) {
+    if (!is_locally_administered(result.mac) || explained(result.mac) ||
+        s_held.size() >= kMaxWaitingDhcpResults)
+        return false;
+    NK_LOG(nk::log::DEBUG, "DHCP message of random MAC {} waits for the leases", result.mac);
+    s_held.push_back(Held{result, now});
+    return true;
+}
+
+std::vector<nk::DhcpResult> release_dhcp_results(long now) {
+    std::vector<nk::DhcpResult> released;
+    std::vector<Held> kept;
+    for (Held& held : s_held) {
+        if (!explained(held.result.mac) && now - held.since < kDhcpWait) {
+            kept.push_back(std::move(held));
+            continue;
+        }
+        held.result.mac = real_mac_of(held.result.mac);
+        released.push_back(std::move(held.result));
+    }
+    s_held = std::move(kept);
+    return released;
+}
+
+std::size_t held_dhcp_results() {
+    return s_held.size();
+}
