@@ -173,6 +173,11 @@ nk::io::unique_fd open_lock_file(const std::string& file) {
     return fd;
 }
 
+// A store on a read-only or full file system.
+bool refuses_writes(int err) {
+    return err == EROFS || err == ENOSPC || err == EDQUOT;
+}
+
 struct HeldLock {
     nk::io::unique_fd fd;
     int count = 0;
@@ -260,6 +265,12 @@ int init() {
     const std::string dir = root();
     if (!make_dirs(dir) || ::access(dir.c_str(), W_OK) != 0) {
         const int err = errno;
+        // A store mounted read-only still reads; each write then fails on its own.
+        if (err == EROFS && ::access(dir.c_str(), R_OK | X_OK) == 0) {
+            NK_LOG(log::WARN, "settings root {} is read-only: changes fail until it is writable",
+                   dir);
+            return 0;
+        }
         NK_LOG(log::ERROR, "settings root {} is not usable: {}", dir, std::strerror(err));
         return fail(err);
     }
@@ -383,6 +394,15 @@ int lockKey(const std::string& key) {
     if (add_hold_if_held(file))
         return 0;
     nk::io::unique_fd fd = open_lock_file(file);
+    if (!fd && refuses_writes(errno)) {
+        // flock needs no write access; a lock file that cannot even be made guards a key that
+        // nobody can write either, so the hold is this process's own.
+        fd = nk::io::unique_fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!fd) {
+            record_hold(file, nk::io::unique_fd());
+            return 0;
+        }
+    }
     if (!fd)
         return fail(errno);
     return wait_for_lock(file, std::move(fd));
@@ -425,6 +445,15 @@ int claim(const std::string& owner, long& holder) {
     if (claims.count(file) != 0)
         return 0;
     nk::io::unique_fd fd = open_lock_file(file);
+    if (!fd && refuses_writes(errno)) {
+        fd = nk::io::unique_fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!fd) {
+            // Nobody can change a store that takes no new file: there is nothing to claim.
+            NK_LOG(log::WARN, "settings store {} takes no claim of {}: it refuses writes", root(),
+                   owner);
+            return 0;
+        }
+    }
     if (!fd)
         return fail(errno);
     if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {

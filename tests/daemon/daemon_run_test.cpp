@@ -291,6 +291,21 @@ protected:
         nk::test::run_command(std::string(NK_CLOUD_EMU_BIN) + " --db " + db_ + " list", &out);
         return static_cast<int>(std::count(out.begin(), out.end(), '\n'));
     }
+    // The id the cloud registered a MAC under; empty when it has none.
+    std::string cloud_id_of(const std::string& mac) {
+        std::string out;
+        nk::test::run_command(std::string(NK_CLOUD_EMU_BIN) + " --db " + db_ + " list", &out);
+        std::istringstream lines(out);
+        for (std::string line; std::getline(lines, line);) {
+            const nk::json_ptr device(json_loads(line.c_str(), 0, nullptr));
+            const json_t* macs = json_object_get(device.get(), "macs");
+            for (std::size_t i = 0; i < json_array_size(macs); ++i) {
+                if (mac == json_string_value(json_array_get(macs, i)))
+                    return nk::json_string_member(device.get(), "device_id");
+            }
+        }
+        return "";
+    }
 
     // The daemon's answer to request_device_id, as another daemon gets it.
     std::string ask(const std::string& mac, const std::string& ip) {
@@ -314,14 +329,17 @@ protected:
         return id;
     }
 
-    // Every device of the cloud, with its marker and its record in the table.
+    // The devices of ids_ stored whole: a marker and a record in the table.
     int stored_devices() {
         int stored = 0;
         for (const auto& [mac, id] : ids_) {
             nk::devMgmt::Device record;
             record.device_id = id;
-            stored += nk::setMgmt::getKeyValue("/devices/" + id, "") == "1" &&
-                      record.load_from_shmem(false, true);
+            const std::string marker = nk::setMgmt::getKeyValue("/devices/" + id, "absent");
+            const bool in_table = record.load_from_shmem(false, true);
+            // A registration's marker is "0" until the device's next write.
+            stored += marker != "absent" && in_table;
+            EXPECT_TRUE(marker != "absent" && in_table) << mac << " " << id << ": " << marker;
         }
         nk::devMgmt::close_table();
         return stored;
@@ -381,6 +399,35 @@ INSTANTIATE_TEST_SUITE_P(Stores, FullStoreTest,
                                            FullStores{"table", false, true},
                                            FullStores{"both", true, true}),
                          [](const auto& info) { return std::string(info.param.name); });
+
+// A store made read-only while the daemon runs: a client that joins meanwhile is registered
+// and answered, a device the cloud removes leaves the inventory; once the store is writable
+// again both reach it.
+TEST_F(DegradedStoreTest, AStoreMadeReadOnlyCatchesUpOnceWritable) {
+    make_lan();
+    ASSERT_TRUE(start());
+    ASSERT_TRUE(daemon_.wait_for_line("Devices loaded and synced!", 10s));
+    // A read-only view over it: the daemon's open lock files would keep a remount busy.
+    ASSERT_EQ(::mount(settings_.c_str(), settings_.c_str(), nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(
+        ::mount(nullptr, settings_.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0)
+        << std::strerror(errno);
+    const auto [removed_mac, removed] = *ids_.begin();
+    ids_.erase(removed_mac);
+    emu("remove " + removed);
+    std::ofstream(leases_, std::ios::app)
+        << fmt::format("{} 02:00:00:00:02:01 198.51.100.60 joiner *\n", ::time(nullptr) + 3600);
+    ASSERT_TRUE(daemon_.wait_for_line("Storage failing", 10s));
+    EXPECT_FALSE(ask("02:00:00:00:02:01", "198.51.100.60").empty());
+    ASSERT_TRUE(nk::test::wait_until([&] { return !cloud_id_of("02:00:00:00:02:01").empty(); }));
+    ASSERT_TRUE(daemon_.wait_for_line("removing device from storage: " + removed, 10s));
+
+    ASSERT_EQ(::umount2(settings_.c_str(), MNT_DETACH), 0);
+    ASSERT_TRUE(daemon_.wait_for_line("devices stored after", 70s));
+    ids_["02:00:00:00:02:01"] = cloud_id_of("02:00:00:00:02:01");
+    EXPECT_EQ(stored_devices(), kListed);
+    EXPECT_EQ(nk::setMgmt::getKeyValue("/devices/" + removed, "absent"), "absent");
+}
 
 // A restarted daemon answers from the stored inventory while the cloud is silent, and the
 // collector it stopped itself while loading starts again at once, not after a respawn pause.
