@@ -50,8 +50,12 @@ bool Collector::start() {
     if (mode_ == Mode::Internal) {
         if (!sources_.open())
             return false;
+        // Without it, names and fingerprints are unknown: identifiers still count.
+        events_.open();
         sources_.refresh();
-        history_.load();
+        events_.refresh();
+        events_.read();
+        resolver_.history().load(std::time(nullptr));
     }
     monitor_ = NeighbourMonitor::open();
     return monitor_.has_value();
@@ -64,7 +68,17 @@ Snapshot Collector::build(bool& torn) {
     if (mode_ == Mode::External)
         return neighbours_snapshot(neighbours, lans_);
     const std::vector<Lease> leases = sources_.read(std::time(nullptr), torn);
-    return leases_snapshot(leases, neighbours, lans_, history_);
+    Snapshot snapshot =
+        leases_snapshot(leases, neighbours, lans_, resolver_, {&events_, &mdns_names_});
+    identity_due_ = resolver_.deadline();
+    return snapshot;
+}
+
+void Collector::probe() {
+    for (const ProbeTarget& t : resolver_.take_probes()) {
+        NK_LOG(nk::log::DEBUG, "checking whether {} still answers at {}", t.mac, t.ip);
+        probe_neighbour(t.iface, t.ip, t.mac);
+    }
 }
 
 void Collector::log_skipped(const Snapshot& snapshot) {
@@ -93,8 +107,16 @@ bool Collector::send(bool force) {
     force = force || force_pending_;
     force_pending_ = false;
     log_skipped(snapshot);
+    probe();
     if (scanners_)
         scanners_->update(lans_, snapshot);
+    // Without the MAC being checked, its device would seem to have left: the last message
+    // stands until it is decided.
+    if (identity_due_ && last_) {
+        force_pending_ = force_pending_ || force;
+        refresh_at_ = std::max(refresh_at_, *identity_due_);
+        return true;
+    }
     if (!force && last_ && *last_ == snapshot)
         return true;
     const std::string message = leases_message(snapshot);
@@ -105,7 +127,7 @@ bool Collector::send(bool force) {
     if (!write_line(out_, message))
         return false;
     NK_LOG(nk::log::DEBUG, "sent {:d} leased MACs", snapshot.macs.size());
-    history_.save();
+    resolver_.history().save();
     last_ = std::move(snapshot);
     last_sent_ = now;
     refresh_at_ = now + timing_.refresh;
@@ -124,6 +146,8 @@ void Collector::changed(Clock::time_point now) {
 
 int Collector::wait_ms(Clock::time_point now) const {
     Clock::time_point next = first_change_ ? send_at_ : refresh_at_;
+    if (identity_due_)
+        next = std::min(next, *identity_due_);
     if (scanners_) {
         if (const std::optional<Clock::time_point> timer = scanners_->next_timer())
             next = std::min(next, *timer);
@@ -146,6 +170,12 @@ void Collector::follow_feature(int epoll) {
     }
     scanners_.emplace([this](const std::string& line) { return write_line(out_, line); },
                       scan_limits_);
+    // A name announced while a new MAC is held back may tell whose it is.
+    scanners_->on_mdns([this](const MdnsService& service) {
+        mdns_names_.add(service);
+        if (identity_due_)
+            changed(Clock::now());
+    });
     if (!scanners_->open()) {
         scanners_.reset();
         return;
@@ -165,8 +195,11 @@ int Collector::run() {
     }
     watch(epoll.get(), signals.get(), EPOLLIN);
     watch(epoll.get(), monitor_->fd(), EPOLLIN);
-    if (mode_ == Mode::Internal)
+    if (mode_ == Mode::Internal) {
         watch(epoll.get(), sources_.fd(), EPOLLIN);
+        if (events_.fd() >= 0)
+            watch(epoll.get(), events_.fd(), EPOLLIN);
+    }
     // A pipe's write end reports the reader's end going away; other outputs cannot be watched.
     watch(epoll.get(), out_, 0);
     // Without a feature watch the scanners follow the value read at start.
@@ -207,6 +240,13 @@ int Collector::run() {
                 changed(now);
             else if (mode_ == Mode::Internal && fd == sources_.fd() && sources_.drain())
                 changed(now);
+            else if (mode_ == Mode::Internal && fd == events_.fd() && events_.drain() &&
+                     events_.read())
+                changed(now);
+        }
+        if (identity_due_ && now >= *identity_due_) {
+            identity_due_.reset();
+            changed(now);
         }
         if (scanners_) {
             scanners_->dispatch();
@@ -217,8 +257,11 @@ int Collector::run() {
             if (now >= send_at_ && !send(force_pending_))
                 return 0;
         } else if (now >= refresh_at_) {
-            if (mode_ == Mode::Internal)
+            if (mode_ == Mode::Internal) {
                 sources_.refresh();
+                events_.refresh();
+                events_.read();
+            }
             if (!send(true))
                 return 0;
         }
@@ -238,7 +281,7 @@ int Collector::run_once() {
     const std::string message = leases_message(snapshot);
     if (message.empty() || !write_line(out_, message))
         return 1;
-    history_.save();
+    resolver_.history().save();
     return 0;
 }
 

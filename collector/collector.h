@@ -6,8 +6,10 @@
 #include <chrono>
 #include <optional>
 
-#include "client_history.h"
+#include "client_resolver.h"
+#include "lease_event_log.h"
 #include "lease_sources.h"
+#include "mdns_names.h"
 #include "neighbours.h"
 #include "scanners.h"
 #include "snapshot.h"
@@ -23,12 +25,18 @@ struct Timing {
     std::chrono::milliseconds settle{200};     // quiet time after a change before reading
     std::chrono::milliseconds min_gap{1000};   // least time between two snapshots
     std::chrono::milliseconds refresh{60000};  // most time between two snapshots
+    // most time a new randomised MAC is held back while its device is checked
+    std::chrono::milliseconds identity_wait{ClientResolver::kMaxWait};
 };
 
 class Collector {
 public:
     Collector(Mode mode, int out_fd, Timing timing = {}, ScanLimits scan = {})
-        : mode_(mode), out_(out_fd), timing_(timing), scan_limits_(scan) {}
+        : mode_(mode),
+          out_(out_fd),
+          timing_(timing),
+          resolver_(timing.identity_wait),
+          scan_limits_(scan) {}
 
     // Until SIGTERM, SIGINT or SIGHUP, or until the output is closed: 0. 1 when it cannot
     // start.
@@ -44,6 +52,9 @@ private:
     void changed(Clock::time_point now);
     int wait_ms(Clock::time_point now) const;
     void log_skipped(const Snapshot& snapshot);
+    // Has the kernel check the earlier MACs the resolver asked about; a check's end is a
+    // neighbour table change.
+    void probe();
     // Starts or stops the service scanners as the additional-info feature says.
     void follow_feature(int epoll);
 
@@ -52,7 +63,9 @@ private:
     Timing timing_;
     LeaseSources sources_;
     std::optional<NeighbourMonitor> monitor_;
-    ClientHistory history_;
+    ClientResolver resolver_;
+    LeaseEventLog events_;
+    MdnsNames mdns_names_;
     ScanLimits scan_limits_;
     std::optional<Scanners> scanners_;
     LanInterfaces lans_;
@@ -62,6 +75,7 @@ private:
     Clock::time_point last_sent_{};
     Clock::time_point refresh_at_{};
     std::optional<Clock::time_point> first_change_;  // set while a change waits
+    std::optional<Clock::time_point> identity_due_;  // when a held-back MAC is decided anyway
     Clock::time_point send_at_{};
     int torn_reads_ = 0;
     bool force_pending_ = false;  // a torn read held back a snapshot that must go out

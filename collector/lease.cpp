@@ -56,6 +56,19 @@ std::optional<std::string> hex_bytes(std::string_view text) {
     return bytes;
 }
 
+std::string hex_text(std::string_view bytes) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    for (const char c : bytes) {
+        const auto b = static_cast<unsigned char>(c);
+        if (!out.empty())
+            out.push_back(':');
+        out.push_back(digits[b >> 4]);
+        out.push_back(digits[b & 0x0f]);
+    }
+    return out;
+}
+
 sockutl::macaddr duid_mac(const std::string& duid) {
     if (duid.size() < 4)
         return {};

@@ -39,6 +39,9 @@ std::string client_identity(const std::string& client_id);
 // Bytes written as colon-separated hex ("01:0a:ff"); empty when the text is not that.
 std::optional<std::string> hex_bytes(std::string_view text);
 
+// Bytes as colon-separated hex, the form hex_bytes reads.
+std::string hex_text(std::string_view bytes);
+
 // The MAC inside a DUID-LLT or DUID-LL of an Ethernet interface; invalid for other DUIDs.
 sockutl::macaddr duid_mac(const std::string& duid);
 

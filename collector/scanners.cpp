@@ -13,6 +13,8 @@ bool Scanners::open() {
     if (!loop_.open())
         return false;
     mdns_.emplace(loop_, [this](const std::string& key, const MdnsService& service) {
+        if (mdns_seen_)
+            mdns_seen_(service);
         say("avahi " + key, avahi_message(service), "mDNS service");
     });
     upnp_.emplace(

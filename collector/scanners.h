@@ -29,6 +29,9 @@ public:
 
     explicit Scanners(Write write, ScanLimits limits = {});
 
+    // Called with each mDNS service resolved, besides its line.
+    void on_mdns(std::function<void(const MdnsService&)> seen) { mdns_seen_ = std::move(seen); }
+
     // False when none of them can run (logged).
     bool open();
     // The LAN interfaces and the devices of the last snapshot.
@@ -45,6 +48,7 @@ private:
     void repeat();
 
     Write write_;
+    std::function<void(const MdnsService&)> mdns_seen_;
     ScanLimits limits_;
     bool output_ok_ = true;
     EventLoop loop_;  // before the scanners, which leave it when they go

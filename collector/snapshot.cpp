@@ -3,6 +3,7 @@
 #include <jansson.h>
 
 #include <algorithm>
+#include <ctime>
 
 #include <fmt/format.h>
 #include <nk/json.h>
@@ -40,18 +41,24 @@ std::string stable_identity(const Lease& lease) {
 class LeasesBuilder {
 public:
     LeasesBuilder(const std::vector<Neighbour>& neighbours, const LanInterfaces& lans,
-                  ClientHistory& history)
-        : neighbours_(neighbours), lans_(lans), history_(history) {}
+                  ClientResolver& resolver)
+        : neighbours_(neighbours), lans_(lans), resolver_(resolver) {}
 
     void add_v4(const Lease& lease) {
         const LanInterface* lan = lan_of(lease.ip);
-        if (lan == nullptr)
+        if (lan == nullptr || checking_.count(lease.mac) != 0)
             return;
+        std::string why;
+        const std::optional<macaddr> device = resolver_.device_of(lease.mac, why);
+        if (!device) {
+            checking_.insert(lease.mac);
+            out_.skipped.push_back(std::move(why));
+            return;
+        }
+        const macaddr reported = *device;
+        if (reported != lease.mac)
+            out_.mangled.push_back({reported, lease.mac, lease.ip});
         const std::string identity = stable_identity(lease);
-        const std::optional<macaddr> real = history_.observe(identity, lease.mac);
-        const macaddr reported = real.value_or(lease.mac);
-        if (real)
-            out_.mangled.push_back({*real, lease.mac, lease.ip});
         reported_as_[lease.mac] = reported;
         if (!identity.empty())
             by_identity_[identity] = reported;
@@ -63,6 +70,9 @@ public:
         if (lan == nullptr)
             return;
         const macaddr mac = mac_of_v6(lease);
+        // Its client is being checked: it comes with the client's verdict.
+        if (checking_.count(mac) != 0)
+            return;
         if (!mac.is_valid()) {
             out_.skipped.push_back(fmt::format("no MAC known yet for the IPv6 lease {}", lease.ip));
             return;
@@ -110,7 +120,8 @@ private:
 
     const std::vector<Neighbour>& neighbours_;
     const LanInterfaces& lans_;
-    ClientHistory& history_;
+    ClientResolver& resolver_;
+    std::set<macaddr> checking_;  // MACs whose device is not decided yet
     std::map<macaddr, macaddr> reported_as_;
     std::map<std::string, macaddr> by_identity_;
     Snapshot out_;
@@ -131,18 +142,35 @@ json_t* mangled_to_json(const std::vector<MangledMac>& mangled) {
 }  // namespace
 
 Snapshot leases_snapshot(const std::vector<Lease>& leases, const std::vector<Neighbour>& neighbours,
-                         const LanInterfaces& lans, ClientHistory& history) {
-    LeasesBuilder builder(neighbours, lans, history);
-    // The DHCPv4 leases first: DHCPv6 ones are matched with their clients.
+                         const LanInterfaces& lans, ClientResolver& resolver,
+                         const ClientEvidence& evidence) {
+    const ClientResolver::View view{leases,
+                                    neighbours,
+                                    lans,
+                                    evidence.events,
+                                    evidence.mdns,
+                                    ClientResolver::Clock::now(),
+                                    std::time(nullptr)};
+    resolver.begin(view);
+    LeasesBuilder builder(neighbours, lans, resolver);
+    // The DHCPv4 leases first: DHCPv6 ones are matched with their clients. New random MACs
+    // last, so that they are weighed against every other client of this snapshot.
+    std::vector<const Lease*> v4;
     for (const Lease& lease : leases) {
         if (lease.ip.is_v4())
-            builder.add_v4(lease);
+            v4.push_back(&lease);
     }
+    std::stable_partition(v4.begin(), v4.end(), [&](const Lease* lease) {
+        return !is_locally_administered(lease->mac) || resolver.history().find(lease->mac);
+    });
+    for (const Lease* lease : v4)
+        builder.add_v4(*lease);
     for (const Lease& lease : leases) {
         if (lease.ip.is_v6())
             builder.add_v6(lease);
     }
     builder.add_neighbours();
+    resolver.end();
     return builder.take();
 }
 

@@ -6,10 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "client_history.h"
+#include "client_resolver.h"
 #include "lan_interfaces.h"
 #include "lease.h"
+#include "lease_event_log.h"
 #include "leases.h"
+#include "mdns_names.h"
 #include "neighbours.h"
 
 namespace nk::collector {
@@ -48,14 +50,21 @@ struct Snapshot {
     friend bool operator!=(const Snapshot& a, const Snapshot& b) { return !(a == b); }
 };
 
+// What else tells who a client is, when the collector has it.
+struct ClientEvidence {
+    const LeaseEventLog* events = nullptr;  // the lease script's
+    const MdnsNames* mdns = nullptr;
+};
+
 // From the DHCP server's leases: each on the LAN or guest interface whose subnet holds its
 // address. A DHCPv6 lease joins the MAC of the client with the same identity, else of its
 // address in the neighbour table, else the one in its DUID. Every leased MAC also gets its
-// other IPv6 addresses from the neighbour table. A lease whose locally administered MAC
-// replaced the MAC its client came with is reported under that first MAC, and the pair in
-// `mangled`.
+// other IPv6 addresses from the neighbour table. A lease whose randomised MAC `resolver` finds
+// to be an earlier device is reported under that device's MAC, and the pair in `mangled`; one
+// it is still checking is left out.
 Snapshot leases_snapshot(const std::vector<Lease>& leases, const std::vector<Neighbour>& neighbours,
-                         const LanInterfaces& lans, ClientHistory& history);
+                         const LanInterfaces& lans, ClientResolver& resolver,
+                         const ClientEvidence& evidence = {});
 
 // From the neighbour table alone, for a LAN served by another DHCP server: every live entry on a
 // LAN or guest interface, without host names.

@@ -1,14 +1,21 @@
 // The lease-file readers on files written by the real servers (dnsmasq on the simulated LAN, ISC
 // dhcpd with dhclient and udhcpc clients), on every prefix of them, and on damaged ones.
 #include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
 
 #include <ctime>
+#include <fstream>
 #include <set>
 #include <string>
 
+#include <nk/setmgmt.h>
+
 #include "dnsmasq_leases.h"
 #include "isc_leases.h"
+#include "lease_event_log.h"
 #include "lease_file.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -28,6 +35,28 @@ std::set<std::string> shown(const LeaseFile& file) {
                    l.host);
     }
     return out;
+}
+
+// Runs the lease script as dnsmasq does: the action and the client in its arguments, the rest
+// in its environment.
+int run_lease_script(std::vector<std::string> args, std::vector<std::string> env) {
+    args.insert(args.begin(), NK_LEASE_SCRIPT);
+    env.push_back("PATH=/usr/bin:/bin");
+    const auto pointers = [](std::vector<std::string>& strings) {
+        std::vector<char*> out;
+        for (std::string& s : strings)
+            out.push_back(s.data());
+        out.push_back(nullptr);
+        return out;
+    };
+    std::vector<char*> argv = pointers(args);
+    std::vector<char*> envp = pointers(env);
+    pid_t pid = 0;
+    if (::posix_spawn(&pid, NK_LEASE_SCRIPT, nullptr, nullptr, argv.data(), envp.data()) != 0)
+        return -1;
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::time_t utc(int y, int mo, int d, int h, int mi) {
@@ -154,6 +183,98 @@ TEST(LeaseReaders, DamagedFilesKeepTheirGoodRecords) {
     ASSERT_EQ(unknown.problems.size(), 1u);
     EXPECT_EQ(unknown.problems[0].what, "unknown lease file format");
     EXPECT_TRUE(read_lease_text(" \n\n", 0).problems.empty());
+}
+
+// Whatever bytes a client sends, the script's line gives them back as dnsmasq told them; the
+// collector follows the file as it grows and after the script empties it.
+TEST(LeaseReaders, LeaseScriptLinesReadBack) {
+    nk::test::TempDir dir;
+    const nk::test::ScopedEnv settings("NK_SETTINGS_DIR", dir.path());
+    ASSERT_EQ(nk::setMgmt::init(), 0);
+    const std::string events = dir / "events";
+    ASSERT_EQ(nk::setMgmt::setKey(kLeaseEventsKey, events), 0);
+    // More than the script keeps: it starts the file again.
+    std::ofstream(events) << std::string(300000, 'x') << "\n";
+    LeaseEventLog log;
+    ASSERT_TRUE(log.open());
+    log.refresh();
+    log.read();
+
+    const std::string mac = "02:45:57:de:3b:da";
+    const std::string odd = std::string("a\"b\\c\x01\n\xff", 8);
+    const struct {
+        const char* what;
+        std::vector<std::string> args;
+        std::vector<std::string> env;
+        bool line;
+        std::string host;
+        DhcpFingerprint fingerprint;
+    } cases[] = {
+        {"a host name of 255 bytes",
+         {"add", mac, "198.51.100.151"},
+         {"DNSMASQ_SUPPLIED_HOSTNAME=" + std::string(255, 'a'),
+          "DNSMASQ_REQUESTED_OPTIONS=1,121,3,6", "DNSMASQ_CLIENT_ID=01:" + mac},
+         true,
+         std::string(255, 'a'),
+         {"1,121,3,6", ""}},
+        {"quotes, a backslash, control characters, a byte of no charset",
+         {"add", mac, "198.51.100.151"},
+         {"DNSMASQ_SUPPLIED_HOSTNAME=" + odd, "DNSMASQ_VENDOR_CLASS=" + odd,
+          "DNSMASQ_REQUESTED_OPTIONS=1,3"},
+         true,
+         odd,
+         {"1,3", odd}},
+        {"an empty option list",
+         {"old", mac, "198.51.100.151"},
+         {"DNSMASQ_REQUESTED_OPTIONS="},
+         true,
+         "",
+         {}},
+        {"an option list that is not one",
+         {"old", mac, "198.51.100.151"},
+         {"DNSMASQ_REQUESTED_OPTIONS=1,3;reboot"},
+         true,
+         "",
+         {}},
+        {"a DHCPv6 lease",
+         {"add", "00:03:00:01:" + mac, "2001:db8:1::1ab"},
+         {"DNSMASQ_MAC=" + mac},
+         true,
+         "",
+         {}},
+        {"a client of another hardware type",
+         {"add", "06-01:23:45:67:89:ab", "198.51.100.9"},
+         {},
+         false,
+         "",
+         {}},
+        {"another action", {"tftp", "1024", "198.51.100.9", "/srv/boot"}, {}, false, "", {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::vector<std::string> env = c.env;
+        env.push_back("NK_DHCP_EVENTS=" + events);
+        ASSERT_EQ(run_lease_script(c.args, env), 0);
+        std::string text;
+        ASSERT_TRUE(read_file(events, text));
+        const std::size_t start = text.rfind('\n', text.size() - 2);
+        const std::string last = text.substr(start == std::string::npos ? 0 : start + 1);
+        std::string why;
+        const std::optional<LeaseEvent> event =
+            read_lease_event(last.substr(0, last.size() - 1), why);
+        EXPECT_EQ(log.read(), c.line);
+        if (!c.line)
+            continue;
+        ASSERT_TRUE(event) << why << ": " << last;
+        EXPECT_EQ(event->host, c.host);
+        EXPECT_EQ(event->fingerprint, c.fingerprint);
+    }
+    const ClientRequest* request = log.request_of(nk::sockutl::macaddr(mac));
+    ASSERT_NE(request, nullptr);
+    EXPECT_EQ(request->host, odd);
+    EXPECT_EQ(request->client_id, *hex_bytes("01:" + mac));
+    EXPECT_EQ(log.mac_of_duid(*hex_bytes("00:03:00:01:" + mac)), nk::sockutl::macaddr(mac));
+    nk::setMgmt::uninit();
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // What the collector reports: leases joined with the neighbour table on the LAN interfaces,
-// randomised MACs folded into the device they replaced, and the neighbour table alone.
+// randomised MACs folded into the device they replaced (by identifier, or by name and
+// fingerprint once the earlier MAC is gone), and the neighbour table alone.
 #include <gtest/gtest.h>
 #include <linux/neighbour.h>
 
@@ -78,7 +79,7 @@ protected:
 
     nk::test::TempDir dir_;
     nk::test::ScopedEnv settings_{"NK_SETTINGS_DIR", dir_.path()};
-    ClientHistory history_;
+    ClientResolver resolver_;
 };
 
 TEST_F(SnapshotTest, LeasesWithTheirInterfacesAndTheNeighbourTablesIpv6Addresses) {
@@ -105,7 +106,7 @@ TEST_F(SnapshotTest, LeasesWithTheirInterfacesAndTheNeighbourTablesIpv6Addresses
         neighbour("br-guest", "fe80::200:5eff:fe00:53d7", kVisitor, NUD_DELAY),
         neighbour("wan0", "fe80::1", kLaptop, NUD_REACHABLE),
     };
-    const Snapshot s = leases_snapshot(leases, neighbours, lans(), history_);
+    const Snapshot s = leases_snapshot(leases, neighbours, lans(), resolver_);
     EXPECT_EQ(shown(s), (std::map<std::string, std::string>{
                             {"00:00:5e:00:53:3a", "br-lan laptop 198.51.100.149 2001:db8:1::117"},
                             {"00:00:5e:00:53:59", "br-lan phone 198.51.100.180 2001:db8:1::1ed"},
@@ -123,12 +124,12 @@ TEST_F(SnapshotTest, LeasesWithTheirInterfacesAndTheNeighbourTablesIpv6Addresses
 
 TEST_F(SnapshotTest, ARandomisedMacIsReportedAsTheDeviceItReplaced) {
     const macaddr fake("02:45:57:de:3b:da");
-    leases_snapshot({lease(kPhone, "198.51.100.180", "phone", kPhoneId)}, {}, lans(), history_);
-    history_.save();
+    leases_snapshot({lease(kPhone, "198.51.100.180", "phone", kPhoneId)}, {}, lans(), resolver_);
+    resolver_.history().save();
 
     // A restarted collector remembers the client.
-    ClientHistory restarted;
-    restarted.load();
+    ClientResolver restarted;
+    restarted.history().load(0);
     const Snapshot s = leases_snapshot(
         {lease(fake, "198.51.100.180", "phone", kPhoneId),
          lease(macaddr(), "2001:db8:1::1ed", "phone", kPhoneDuid)},
@@ -152,10 +153,51 @@ TEST_F(SnapshotTest, ARandomisedMacIsReportedAsTheDeviceItReplaced) {
         leases_snapshot({lease(card, "198.51.100.181", "phone", kPhoneId)}, {}, lans(), restarted);
     EXPECT_EQ(replaced.macs.count(card), 1u);
     EXPECT_TRUE(replaced.mangled.empty());
-    // An identifier made of the MAC alone identifies nothing more: it is not kept.
-    leases_snapshot({lease(kCamera, "198.51.100.128", "", bytes({1, 0, 0, 0x5e, 0, 0x53, 0xed}))},
-                    {}, lans(), restarted);
-    EXPECT_EQ(restarted.clients().size(), 1u);
+    EXPECT_EQ(restarted.history().find_id(kPhoneDuid)->mac, card);
+}
+
+// An iPhone's kind of client: its identifier is its MAC, its old lease stays when it rotates.
+TEST_F(SnapshotTest, ARotationByNameAndFingerprintWaitsUntilTheEarlierMacIsGone) {
+    const macaddr iphone("00:00:5e:00:53:10");
+    const macaddr fake("02:45:57:de:3b:da");
+    LeaseEventLog events;
+    const std::string request =
+        R"(","options":"1,121,3,6,15,119,252","host_hex":"4c756361732d6950686f6e65"})";
+    events.take_lines(R"({"event":"add","ip":"198.51.100.150","mac":"00:00:5e:00:53:10)" + request +
+                      "\n" + R"({"event":"add","ip":"198.51.100.151","mac":"02:45:57:de:3b:da)" +
+                      request + "\n");
+    const Lease before =
+        lease(iphone, "198.51.100.150", "Lucas-iPhone", bytes({1, 0, 0, 0x5e, 0, 0x53, 0x10}));
+    const Lease after =
+        lease(fake, "198.51.100.151", "Lucas-iPhone", bytes({1, 2, 0x45, 0x57, 0xde, 0x3b, 0xda}));
+    leases_snapshot({before}, {}, lans(), resolver_, {&events});
+
+    // Its earlier MAC still holds a lease: the new one is held back while that is probed.
+    const Snapshot held = leases_snapshot({before, after}, {}, lans(), resolver_, {&events});
+    EXPECT_EQ(held.macs.count(fake), 0u);
+    ASSERT_EQ(held.skipped.size(), 1u);
+    EXPECT_NE(held.skipped[0].find("checking that 00:00:5e:00:53:10 has left"), std::string::npos);
+    const std::vector<ProbeTarget> probes = resolver_.take_probes();
+    ASSERT_EQ(probes.size(), 1u);
+    EXPECT_EQ(probes[0].ip, address("198.51.100.150"));
+    EXPECT_TRUE(resolver_.deadline().has_value());
+
+    // Nobody answered there: it was this phone.
+    Neighbour failed = neighbour("br-lan", "198.51.100.150", macaddr(), NUD_FAILED);
+    failed.updated = Neighbour::Clock::now();
+    const Snapshot merged =
+        leases_snapshot({before, after}, {failed}, lans(), resolver_, {&events});
+    EXPECT_EQ(shown(merged),
+              (std::map<std::string, std::string>{
+                  {"00:00:5e:00:53:10", "br-lan Lucas-iPhone 198.51.100.150 198.51.100.151"}}));
+    EXPECT_EQ(merged.mangled, (std::vector<MangledMac>{{iphone, fake, address("198.51.100.151")}}));
+
+    // Undecided at the end of the wait, it is a device of its own.
+    ClientResolver impatient(std::chrono::milliseconds(0));
+    leases_snapshot({before}, {}, lans(), impatient, {&events});
+    const Snapshot split = leases_snapshot({before, after}, {}, lans(), impatient, {&events});
+    EXPECT_EQ(split.macs.count(fake), 1u);
+    EXPECT_TRUE(split.mangled.empty());
 }
 
 TEST(NeighboursSnapshot, LiveEntriesOfClientsOnTheLan) {

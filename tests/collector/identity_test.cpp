@@ -1,0 +1,224 @@
+// Which earlier device a new MAC is: the rules on a table of evidence (data/identity_rules.json),
+// and whether an earlier MAC is still on the LAN, from the neighbour table and the leases.
+#include <gtest/gtest.h>
+#include <jansson.h>
+#include <linux/neighbour.h>
+
+#include <map>
+#include <string>
+
+#include <nk/json.h>
+#include <nk/setmgmt.h>
+
+#include "host_names.h"
+#include "identity_rules.h"
+#include "lease.h"
+#include "lease_file.h"
+#include "presence.h"
+#include "temp_dir.h"
+
+namespace {
+
+using namespace nk::collector;
+using nk::sockutl::address;
+using nk::sockutl::macaddr;
+
+std::string text(const json_t* json, const char* key) {
+    const json_t* value = json_object_get(json, key);
+    if (json_is_object(value)) {
+        const char* unit = nk::json_string_member(value, "repeat");
+        std::string out;
+        for (json_int_t i = 0; i < json_integer_value(json_object_get(value, "times")); ++i)
+            out += unit;
+        return out;
+    }
+    return value != nullptr ? std::string(json_string_value(value), json_string_length(value))
+                            : std::string();
+}
+
+std::vector<std::string> ids(const json_t* json) {
+    std::vector<std::string> out;
+    std::size_t i = 0;
+    json_t* id = nullptr;
+    json_array_foreach(json_object_get(json, "ids"), i, id)
+        out.push_back(*hex_bytes(json_string_value(id)));
+    return out;
+}
+
+DhcpFingerprint fingerprint(const json_t* json) {
+    return {text(json, "options"), text(json, "vendor")};
+}
+
+ClientHistory history_of(const json_t* known) {
+    ClientHistory history;
+    std::size_t i = 0;
+    json_t* c = nullptr;
+    json_array_foreach(known, i, c) {
+        const macaddr mac(text(c, "mac"));
+        history.add(mac, 0);
+        history.learn(mac,
+                      {ids(c), distinctive_name(text(c, "host")), distinctive_name(text(c, "mdns")),
+                       fingerprint(c)},
+                      0);
+        std::size_t j = 0;
+        json_t* alias = nullptr;
+        json_array_foreach(json_object_get(c, "aliases"), j, alias)
+            history.add_alias(mac, macaddr(json_string_value(alias)));
+    }
+    return history;
+}
+
+std::string shown(const Verdict& v) {
+    switch (v.kind) {
+        case Verdict::Kind::Same:
+            return "same " + v.device.to_string();
+        case Verdict::Kind::Wait:
+            return "wait";
+        case Verdict::Kind::New:
+            break;
+    }
+    return "new";
+}
+
+TEST(IdentityRules, Table) {
+    const nk::json_ptr table(
+        json_load_file(NK_COLLECTOR_DATA "/identity_rules.json", JSON_REJECT_DUPLICATES, nullptr));
+    ASSERT_TRUE(table);
+    const ClientHistory history = history_of(json_object_get(table.get(), "known"));
+    std::size_t i = 0;
+    json_t* row = nullptr;
+    json_array_foreach(json_object_get(table.get(), "cases"), i, row) {
+        SCOPED_TRACE(text(row, "case"));
+        const std::string mac = text(row, "mac");
+        const Sighting s{macaddr(mac.empty() ? "02:45:57:de:3b:da" : mac),
+                         ids(row),
+                         distinctive_name(text(row, "host")),
+                         distinctive_name(text(row, "mdns")),
+                         fingerprint(row),
+                         json_is_true(json_object_get(row, "pending"))};
+        const json_t* present = json_object_get(row, "present");
+        const Verdict v = judge(s, history, [&](const macaddr& earlier) {
+            const std::string p = text(present, earlier.to_string().c_str());
+            return p == "here"      ? Presence::Here
+                   : p == "unknown" ? Presence::Unknown
+                                    : Presence::Gone;
+        });
+        EXPECT_EQ(shown(v), text(row, "expect")) << v.why;
+        EXPECT_NE(v.why.find(text(row, "why")), std::string::npos) << v.why;
+    }
+}
+
+// The phone's MAC at the address it leased, seen at various times relative to the moment a
+// new MAC came.
+TEST(Presence, FromTheNeighbourTableAndTheLeases) {
+    using Clock = PresenceCheck::Clock;
+    const macaddr phone("00:00:5e:00:53:10");
+    const macaddr other("00:00:5e:00:53:20");
+    const Clock::time_point since = Clock::now();
+    const Clock::time_point before = since - std::chrono::seconds(5);
+    const Clock::time_point after = since + std::chrono::seconds(1);
+    const LanInterfaces lans = {{"br-lan",
+                                 false,
+                                 macaddr("02:00:00:00:01:01"),
+                                 {{address("198.51.100.1"), *address::netmask(AF_INET, 24)}}}};
+    const std::vector<Lease> leased = {{phone, address("198.51.100.150"), "", ""}};
+    const auto entry = [](const macaddr& mac, int state, Clock::time_point confirmed,
+                          Clock::time_point updated) {
+        return Neighbour{"br-lan",  address("198.51.100.150"),
+                         mac,       static_cast<std::uint16_t>(state),
+                         confirmed, updated};
+    };
+    const struct {
+        const char* what;
+        std::vector<Lease> leases;
+        std::vector<Neighbour> neighbours;
+        Presence expected;
+        std::size_t probes;
+    } cases[] = {
+        {"confirmed since", leased, {entry(phone, NUD_REACHABLE, after, after)}, Presence::Here, 0},
+        {"reachable, confirmed only before",
+         leased,
+         {entry(phone, NUD_REACHABLE, before, before)},
+         Presence::Unknown,
+         1},
+        {"stale, no lease", {}, {entry(phone, NUD_STALE, before, before)}, Presence::Unknown, 1},
+        {"a lease, no entry", leased, {}, Presence::Unknown, 1},
+        {"failed since", leased, {entry(macaddr(), NUD_FAILED, before, after)}, Presence::Gone, 0},
+        {"failed before",
+         leased,
+         {entry(macaddr(), NUD_FAILED, before, before)},
+         Presence::Unknown,
+         1},
+        {"its address answered by another MAC",
+         leased,
+         {entry(other, NUD_REACHABLE, after, after)},
+         Presence::Gone,
+         0},
+        {"neither lease nor live entry",
+         {},
+         {entry(phone, NUD_FAILED, before, before)},
+         Presence::Gone,
+         0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::vector<ProbeTarget> probes;
+        const PresenceCheck check(c.neighbours, c.leases, lans);
+        EXPECT_EQ(check.since(phone, since, probes), c.expected);
+        EXPECT_EQ(probes.size(), c.probes);
+    }
+}
+
+// The history survives restarts, is read from the former key, keeps the most recently seen
+// clients, and is written only when it changed.
+TEST(ClientHistoryStore, KeptBoundedAndWrittenOnlyWhenChanged) {
+    nk::test::TempDir dir;
+    const nk::test::ScopedEnv settings("NK_SETTINGS_DIR", dir.path());
+    ASSERT_EQ(nk::setMgmt::init(), 0);
+    const std::string duid = *hex_bytes("00:03:00:01:00:00:5e:00:53:59");
+    ASSERT_EQ(nk::setMgmt::setKey(kClientMacsKey,
+                                  R"({"00:03:00:01:00:00:5e:00:53:59":"00:00:5e:00:53:59"})"),
+              0);
+    ClientHistory history;
+    history.load(1000);
+    ASSERT_NE(history.find_id(duid), nullptr);
+    EXPECT_EQ(history.find_id(duid)->mac, macaddr("00:00:5e:00:53:59"));
+
+    history.add_alias(macaddr("00:00:5e:00:53:59"), macaddr("02:45:57:de:3b:da"));
+    history.learn(macaddr("00:00:5e:00:53:59"),
+                  {{}, "lucas-iphone", "", {"1,121,3,6,15,119,252", "\x01\xff"}}, 1000);
+    history.save();
+    ClientHistory restarted;
+    restarted.load(1000);
+    const KnownClient* phone = restarted.find(macaddr("02:45:57:de:3b:da"));
+    ASSERT_NE(phone, nullptr);
+    EXPECT_EQ(phone->mac, macaddr("00:00:5e:00:53:59"));
+    EXPECT_EQ(phone->host, "lucas-iphone");
+    EXPECT_EQ(phone->fingerprint.vendor, "\x01\xff");
+    EXPECT_EQ(restarted.find_id(duid), phone);
+
+    // Nothing new: nothing written. A day later, or a new name: written.
+    ASSERT_EQ(nk::setMgmt::deleteKey(kClientsKey), 0);
+    restarted.learn(phone->mac, {{duid}, "lucas-iphone", "", {}}, 2000);
+    restarted.save();
+    EXPECT_EQ(nk::setMgmt::getKeyValue(std::string(kClientsKey), ""), "");
+    restarted.learn(phone->mac, {{}, "", "", {}}, 1000 + 24 * 3600);
+    restarted.save();
+    EXPECT_NE(nk::setMgmt::getKeyValue(std::string(kClientsKey), ""), "");
+
+    // Full: the client seen longest ago makes room.
+    for (std::size_t i = 1; i < ClientHistory::kMaxClients; ++i) {
+        std::array<std::uint8_t, 6> bytes{
+            0, 0, 0x5e, 1, static_cast<std::uint8_t>(i >> 8), static_cast<std::uint8_t>(i)};
+        restarted.add(macaddr(bytes), 5000 + static_cast<std::int64_t>(i));
+    }
+    EXPECT_EQ(restarted.clients().size(), ClientHistory::kMaxClients);
+    restarted.add(macaddr("00:00:5e:00:53:60"), 9000);
+    EXPECT_EQ(restarted.clients().size(), ClientHistory::kMaxClients);
+    EXPECT_EQ(restarted.find(macaddr("00:00:5e:01:00:01")), nullptr);
+    EXPECT_NE(restarted.find(macaddr("00:00:5e:01:00:02")), nullptr);
+    EXPECT_NE(restarted.find(macaddr("02:45:57:de:3b:da")), nullptr);
+    nk::setMgmt::uninit();
+}
+
+}  // namespace
