@@ -25,13 +25,28 @@ public:
     // Writes what was added; the outcome of each marker, in the order added, is complete or
     // carries its error (logged as a single write's would be).
     std::vector<StoreOutcome> flush();
+    // Forgets what was added for the device.
+    void discard(const std::string& device_id);
 
 private:
     std::vector<std::pair<std::string, std::string>> markers_;
     std::vector<std::pair<std::string, bool>> devices_;  // id and flag, beside each marker
 };
 
-// With a batch, the marker is added to it and written by its flush.
+// While one exists, the markers of every device stored go into one batch, flushed when the
+// outermost ends: a pass that registers or updates many devices pays one flush, not one each,
+// and the answers queued behind it wait that much less. A crash loses the markers of the pass
+// in flight (the cloud's list restores them at the next start), never a half-written one.
+class DeferredMarkers {
+public:
+    DeferredMarkers();
+    ~DeferredMarkers();
+    DeferredMarkers(const DeferredMarkers&) = delete;
+    DeferredMarkers& operator=(const DeferredMarkers&) = delete;
+};
+
+// With a batch, or while markers are deferred, the marker is added to a batch and written by
+// its flush.
 StoreOutcome store_device(const Device& device, bool flag, MarkerBatch* batch = nullptr);
 
 // A device's marker under /devices and its record in the device table; true when the record

@@ -18,3 +18,6 @@ void set_answering_while_waiting(bool active);
 int device_id_wake_fd();
 // Drains the descriptor and answers what the phase allows.
 void answer_device_id_requests_now();
+// Between two registrations of a pass: a pass that registers hundreds of clients would
+// otherwise hold every answer until its end.
+void answer_between_registrations();

@@ -19,6 +19,7 @@
 #include "storage_helpers.h"
 #include "subprocess_messages.h"
 #include "utils.h"
+#include "waiting_answers.h"
 
 namespace {
 
@@ -227,8 +228,10 @@ void process_pending_devices() {
     // Taken out whole: nothing a registration does may move the records being worked on.
     std::vector<Device> pending;
     pending.swap(g_pending_devices);
-    for (Device& device : pending)
+    for (Device& device : pending) {
         register_pending_device(device);
+        answer_between_registrations();
+    }
 }
 
 void process_event_pipe() {

@@ -18,6 +18,7 @@
 #include "storage_helpers.h"
 #include "subprocess_messages.h"
 #include "utils.h"
+#include "waiting_answers.h"
 
 namespace {
 
@@ -187,6 +188,7 @@ void process_leases(const json_t* data) {
             continue;
         }
         apply_lease(leases, mac);
+        answer_between_registrations();
     }
 
     // By index: unlocking runs deferred events, which may grow the inventory.

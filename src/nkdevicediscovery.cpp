@@ -524,6 +524,7 @@ void dispatch(Loop& loop, int fd) {
         if (ticked(fd))
             g_subprocess->set_failures(0);
     } else if (fd == g_event_pipe[0]) {
+        const DeferredMarkers markers;
         process_event_pipe();
     } else if (fd == device_id_wake_fd()) {
         answer_device_id_requests_now();
@@ -537,6 +538,7 @@ void dispatch(Loop& loop, int fd) {
                 wake_main_loop();
         }
     } else if (g_subprocess->pid() > 0 && fd == g_subprocess->fd()) {
+        const DeferredMarkers markers;
         process_subprocess_messages(g_subprocess->recv());
     } else if (fd == nk::onbox::Guardian::instance().get_fd()) {
         nk::onbox::Guardian::instance().read_fd();

@@ -42,9 +42,23 @@ void note(const std::string& device_id, bool flag, const StoreOutcome& outcome) 
     g_storage_backlog.write_failed(device_id, flag, store, outcome.error, g_now);
 }
 
+int s_deferring = 0;     // nesting of DeferredMarkers, main loop only
+MarkerBatch s_deferred;  // what they hold
+
 }  // namespace
 
+DeferredMarkers::DeferredMarkers() {
+    ++s_deferring;
+}
+
+DeferredMarkers::~DeferredMarkers() {
+    if (--s_deferring == 0)
+        s_deferred.flush();
+}
+
 StoreOutcome store_device(const Device& device, bool flag, MarkerBatch* batch) {
+    if (batch == nullptr && s_deferring > 0)
+        batch = &s_deferred;
     StoreOutcome outcome;
     nk::_set_nkerrno(0);
     if (!device.to_devmgmt_device().write_to_shmem()) {
@@ -65,8 +79,28 @@ StoreOutcome store_device(const Device& device, bool flag, MarkerBatch* batch) {
 }
 
 void MarkerBatch::add(const Device& device, bool flag) {
-    markers_.emplace_back(device.device_key(), flag ? "1" : "0");
+    std::string key = device.device_key();
+    const char* value = flag ? "1" : "0";
+    // The last write of a marker in a batch is the one that counts.
+    for (std::size_t i = 0; i < markers_.size(); ++i) {
+        if (markers_[i].first == key) {
+            markers_[i].second = value;
+            devices_[i].second = flag;
+            return;
+        }
+    }
+    markers_.emplace_back(std::move(key), value);
     devices_.emplace_back(device.cloud.device_id, flag);
+}
+
+void MarkerBatch::discard(const std::string& device_id) {
+    for (std::size_t i = 0; i < devices_.size(); ++i) {
+        if (devices_[i].first == device_id) {
+            markers_.erase(markers_.begin() + static_cast<std::ptrdiff_t>(i));
+            devices_.erase(devices_.begin() + static_cast<std::ptrdiff_t>(i));
+            return;
+        }
+    }
 }
 
 std::vector<StoreOutcome> MarkerBatch::flush() {
@@ -89,6 +123,7 @@ bool write_device_to_storage(const Device& device, bool flag) {
 
 bool remove_device_from_storage(const Device& device) {
     NK_LOG(nk::log::INFO, "removing device from storage: {:s}", device.cloud.device_id);
+    s_deferred.discard(device.cloud.device_id);  // a marker written later would revive it
     const nk::path key = device.device_key();
     bool removed = true;
     int error = 0;

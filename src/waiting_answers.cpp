@@ -37,6 +37,14 @@ void answer_device_id_requests_now() {
         answer_from_stored_ids();
 }
 
+void answer_between_registrations() {
+    if (!s_active || !leases_received())
+        return;
+    std::uint64_t count = 0;
+    if (::read(s_wake.load(), &count, sizeof count) > 0)
+        process_device_id_requests();
+}
+
 int device_id_wake_fd() {
     return s_wake.load();
 }

@@ -106,4 +106,22 @@ TEST_F(StorageTest, FailuresLeaveStoreAndTableConsistent) {
     EXPECT_TRUE(out[1].cloud.macs.empty());
 }
 
+// A pass's markers reach the store together when it ends, each with its last value; one the
+// pass removed is not revived. The records are in the table at once.
+TEST_F(StorageTest, DeferredMarkersAreWrittenWhenThePassEnds) {
+    ASSERT_TRUE(write_device_to_storage(stored("gone"), true));
+    {
+        const DeferredMarkers pass;
+        ASSERT_TRUE(write_device_to_storage(stored("a"), false));
+        ASSERT_TRUE(write_device_to_storage(stored("a"), true));
+        ASSERT_TRUE(write_device_to_storage(stored("gone"), true));
+        remove_device_from_storage(stored("gone"));
+        EXPECT_EQ(marker("a"), "absent");
+        EXPECT_TRUE(load_device_from_storage("a"));
+    }
+    EXPECT_EQ(marker("a"), "1");
+    EXPECT_EQ(marker("gone"), "absent");
+    EXPECT_FALSE(load_device_from_storage("gone"));
+}
+
 }  // namespace
