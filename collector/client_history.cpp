@@ -3,6 +3,7 @@
 #include <jansson.h>
 
 #include <algorithm>
+#include <utility>
 
 #include <nk/json.h>
 #include <nk/log.h>
@@ -138,10 +139,13 @@ void ClientHistory::save() {
     const nk::json_ptr json(json_pack("{s:O}", "clients", array.get()));
     const std::string text = json ? nk::json_dump_compact(json.get()) : std::string();
     if (text.empty() || nk::setMgmt::setKey(kClientsKey, text) < 0) {
-        NK_LOG(nk::log::WARN, "cannot store the client history under {:s}: {}", kClientsKey,
-               nk::errno_text(nkerrno));
+        // A full or read-only store refuses every save until it recovers: said once a run.
+        const int err = nkerrno;
+        NK_LOG(std::exchange(save_error_, err) == err ? nk::log::DEBUG : nk::log::WARN,
+               "cannot store the client history under {:s}: {}", kClientsKey, nk::errno_text(err));
         return;
     }
+    save_error_ = 0;
     dirty_ = false;
 }
 

@@ -74,6 +74,7 @@ private:
     std::map<sockutl::macaddr, sockutl::macaddr> alias_of_;  // alias to the client's MAC
     std::map<std::string, sockutl::macaddr> id_of_;          // identity to the client's MAC
     bool dirty_ = false;
+    int save_error_ = 0;  // of the last failed save, 0 after a good one
 };
 
 bool is_locally_administered(const sockutl::macaddr& mac);

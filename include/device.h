@@ -161,6 +161,8 @@ Device* find_device_by_dev_id(const std::string& id);
 Device* find_device_by_mac(const macaddr& mac);
 Device* find_device_by_ip(const address& ip);
 bool is_temporary(const std::string& id);
+// Sends the onbox reports held back as too soon whose pause is over; run by the loop.
+void report_deferred_onbox();
 
 template <>
 struct fmt::formatter<OnboxInfo> : fmt::formatter<std::string_view> {

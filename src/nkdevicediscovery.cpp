@@ -533,6 +533,7 @@ void dispatch(Loop& loop, int fd) {
             retry_user_agents();
             retry_fingerprints();
             retry_storage_backlog();
+            report_deferred_onbox();
             // Held DHCP messages whose wait is over are taken on the event pipe's pass.
             if (held_dhcp_results() > 0)
                 wake_main_loop();

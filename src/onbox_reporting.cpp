@@ -15,6 +15,11 @@
 
 namespace {
 
+// A report held back as too soon is sent once its pause is over, not only at the device's next
+// change: a client's first addresses often come in two lease messages seconds apart, and the
+// second may be the last for hours. Main loop only.
+bool s_reports_deferred = false;
+
 // Sorted, so that the same addresses always give the same report.
 std::vector<address> sorted(const nk::ip_set& ips) {
     std::vector<address> out(ips.begin(), ips.end());
@@ -76,6 +81,25 @@ nk::json_ptr make_onbox_body(const Device& device) {
 
 }  // namespace
 
+void report_deferred_onbox() {
+    if (!s_reports_deferred)
+        return;
+    s_reports_deferred = false;
+    // By index: unlocking runs deferred events, which may grow the inventory.
+    for (std::size_t i = 0; i < g_devices.size(); ++i) {
+        Device& device = g_devices[i];
+        if (!device.local.onbox_info.to_send || device.cloud.device_id == g_device_id ||
+            g_now - device.local.onbox_info.sent_at < g_retry_interval["send_onbox_to_cloud"]) {
+            s_reports_deferred = s_reports_deferred || device.local.onbox_info.to_send;
+            continue;
+        }
+        if (!device.lock_device_key())
+            continue;
+        device.handle_onbox_info();
+        g_devices[i].unlock_device_key();
+    }
+}
+
 void Device::handle_onbox_info() {
     if (!nk::onbox::Guardian::instance().allows() || !local.onbox_info.to_send)
         return;
@@ -95,6 +119,7 @@ bool Device::send_onbox_to_cloud() {
     OnboxInfo& info = local.onbox_info;
     if (g_now - info.sent_at < g_retry_interval["send_onbox_to_cloud"]) {
         NK_LOG(nk::log::WARN, "Too soon to resend onbox for device_id {:s}", cloud.device_id);
+        s_reports_deferred = true;
         return true;
     }
     if (cloud.device_id == g_device_id) {
