@@ -13,6 +13,7 @@
 #include <nk/featureutl.h>
 #include <nk/io.h>
 #include <nk/log.h>
+#include <nk/memory_budget.h>
 
 #include "lan_interfaces.h"
 #include "parent_output.h"
@@ -265,6 +266,8 @@ int Collector::run() {
             if (!send(true))
                 return 0;
         }
+        // A snapshot of a large LAN leaves its parsed leases and message free but resident.
+        nk::memory::release_freed();
     }
 }
 

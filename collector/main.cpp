@@ -15,6 +15,7 @@
 #include <nk/constants.h>
 #include <nk/daemon.h>
 #include <nk/log.h>
+#include <nk/memory_budget.h>
 #include <nk/setmgmt.h>
 
 #include "collector.h"
@@ -143,6 +144,7 @@ bool store_exists() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    nk::memory::set_budget();
     Options opts;
     if (const std::optional<std::string> error = parse(argc, argv, opts))
         return usage_error(*error);

@@ -14,6 +14,7 @@
 #include <nk/constants.h>
 #include <nk/daemon.h>
 #include <nk/log.h>
+#include <nk/memory_budget.h>
 #include <nk/setmgmt.h>
 
 #include "interface_roles.h"
@@ -140,6 +141,7 @@ bool block_stop_signals() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    nk::memory::set_budget();
     Options opts;
     if (const std::optional<std::string> error = parse(argc, argv, opts))
         return usage_error(*error);

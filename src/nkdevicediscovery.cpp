@@ -20,6 +20,7 @@
 #include <nk/featureutl.h>
 #include <nk/io.h>
 #include <nk/log.h>
+#include <nk/memory_budget.h>
 #include <nk/nkerrno.h>
 #include <nk/nkex.h>
 #include <nk/setmgmt.h>
@@ -480,8 +481,11 @@ bool ticked(int fd) {
 void dispatch(Loop& loop, int fd) {
     LoopTimers& t = loop.timers;
     if (fd == t.net_info) {
-        if (ticked(fd))
+        if (ticked(fd)) {
             handle_network_interfaces_update();
+            // Every 2 s in every phase: what a load or a burst of requests freed goes back.
+            nk::memory::release_freed();
+        }
     } else if (fd == t.load_devices) {
         if (ticked(fd))
             load_devices();
@@ -600,6 +604,7 @@ int disco_run() {
 }
 
 int main(int argc, char** argv) {
+    nk::memory::set_budget();
     nk::daemon::Instance& frame = nk::daemon::instance(argc, argv, kDaemonName);
     frame.set_run(disco_run);
     g_stop_pipe = frame.on_stop_pipe();
