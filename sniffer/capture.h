@@ -21,10 +21,13 @@ enum class OpenFailure {
 
 class Capture {
 public:
-    // Frames longer than this are cut; a DHCP message or a request's first segment fits.
-    static constexpr int kSnapLength = 4096;
-    // The kernel's ring for this capture.
-    static constexpr int kBufferBytes = 1 << 20;
+    // Frames longer than this are cut; a DHCP message or a request's first segment fits. The
+    // ring gives a frame a slot of this plus libpcap's header (about 80 bytes) rounded up to
+    // pages: 4096 took two pages a slot, half of them never written.
+    static constexpr int kSnapLength = 4096 - 128;
+    // The kernel's ring for this capture, resident as long as it is open: 64 slots, for the
+    // few frames the filter lets through, which are read as they come.
+    static constexpr int kBufferBytes = 64 * 4096;
 
     struct Error {
         OpenFailure kind;
