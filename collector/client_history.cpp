@@ -18,7 +18,8 @@ namespace nk::collector {
 namespace {
 
 constexpr std::uint8_t kLocalBit = 0x02;
-// "seen" is renewed at most this often: the store is written only when something changed.
+// "seen" is renewed once a (UTC) day, in the first snapshot of the day and so for every client
+// present at once: one write of the history a day, not one for each client at its own hour.
 constexpr std::int64_t kSeenRenewal = 24 * 3600;
 
 json_t* mac_array(const std::vector<sockutl::macaddr>& macs) {
@@ -207,7 +208,7 @@ void ClientHistory::learn(const sockutl::macaddr& mac, const ClientTraits& trait
     renew(c.host, traits.host, !traits.host.empty());
     renew(c.mdns, traits.mdns, !traits.mdns.empty());
     renew(c.fingerprint, traits.fingerprint, traits.fingerprint.known());
-    renew(c.seen, now, now - c.seen >= kSeenRenewal);
+    renew(c.seen, now, now / kSeenRenewal > c.seen / kSeenRenewal);
 }
 
 void ClientHistory::add_id(KnownClient& client, const std::string& id, bool take) {

@@ -26,7 +26,7 @@ struct KnownClient {
     std::string host;              // its distinctive host name (see host_names.h), or empty
     std::string mdns;              // its distinctive mDNS host name, or empty
     DhcpFingerprint fingerprint;
-    std::int64_t seen = 0;  // wall-clock seconds, renewed once a day at most
+    std::int64_t seen = 0;  // wall-clock seconds, renewed once a day
 };
 
 // What a client showed with its current MAC, to be remembered of the device it is.
