@@ -95,8 +95,18 @@ bool write_all(int fd, std::string_view data) {
     return true;
 }
 
+// Reading must not write: on a file system mounted relatime, the first read after a change,
+// and one a day after that, rewrites the inode for its access time. Only the owner (or
+// CAP_FOWNER) may ask not to; anyone else reads as before.
+nk::io::unique_fd open_to_read(const std::string& path, int flags) {
+    const int fd = ::open(path.c_str(), flags | O_RDONLY | O_NOATIME | O_CLOEXEC);
+    if (fd >= 0 || errno != EPERM)
+        return nk::io::unique_fd(fd);
+    return nk::io::unique_fd(::open(path.c_str(), flags | O_RDONLY | O_CLOEXEC));
+}
+
 bool read_file(const std::string& file, std::string& out) {
-    const nk::io::unique_fd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    const nk::io::unique_fd fd = open_to_read(file, 0);
     return fd && read_all(fd.get(), out);
 }
 
@@ -374,9 +384,12 @@ int enumSubkeys(const std::string& key, std::vector<std::string>& out) {
     if (!is_valid_key(key))
         return fail(EINVAL);
     const std::string dir = key_dir(key);
-    const std::unique_ptr<DIR, DirCloser> d(::opendir(dir.c_str()));
-    if (!d)
+    nk::io::unique_fd fd = open_to_read(dir, O_DIRECTORY);
+    DIR* const opened = fd ? ::fdopendir(fd.get()) : nullptr;
+    if (!opened)
         return fail(errno == ENOTDIR ? ENOENT : errno);
+    const std::unique_ptr<DIR, DirCloser> d(opened);
+    fd.release();  // closed with the DIR
     std::vector<std::string> names;
     while (const dirent* entry = ::readdir(d.get())) {
         if (entry->d_name[0] != '.' && is_directory(dir, *entry))
