@@ -33,6 +33,7 @@ protected:
         set("/network/interfaces/roles/br-guest", "guest");
         set("/network/interfaces/roles/wan0", "wan");
         set("/network/dhcp/lease_files", dir_ / "lan/dnsmasq.leases");
+        set("/network/dhcp/lease_events", dir_ / "lan/dhcp-events");
     }
 
     void TearDown() override {

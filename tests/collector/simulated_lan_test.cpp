@@ -59,6 +59,7 @@ protected:
             ASSERT_EQ(nkset(std::string("set ") + setting), 0);
         }
         ASSERT_EQ(nkset("set /network/dhcp/lease_files " + lan_.dir() + "/dnsmasq.leases"), 0);
+        ASSERT_EQ(nkset("set /network/dhcp/lease_events " + lan_.dir() + "/dhcp-events"), 0);
         ASSERT_TRUE(cloud_.start({NK_CLOUD_EMU_BIN, "-f", "--settings", settings_, "--broker",
                                   broker_.address(), "--db", db_, "serve"}));
         ASSERT_TRUE(cloud_.wait_for_line("cloud ready"));

@@ -38,6 +38,7 @@ units=(nkex-broker nkdevicediscovery nksifter nkcloud-emu)
 expected=(
   usr/sbin/nkdevicediscovery usr/sbin/nksifter usr/libexec/nkdevicediscovery/nkdevinfo
   usr/libexec/nkdevicediscovery/broker-config usr/libexec/nkdevicediscovery/bus-credentials
+  usr/libexec/nkdevicediscovery/nkdevinfo-lease-script
   usr/bin/nkset usr/bin/nkdevices usr/bin/nkcloud-emu
   usr/share/man/man8/nkdevicediscovery.8 usr/share/man/man8/nkdevinfo.8
   usr/share/man/man8/nksifter.8 usr/share/man/man1/nkset.1 usr/share/man/man1/nkdevices.1
