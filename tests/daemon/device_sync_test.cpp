@@ -3,13 +3,18 @@
 #include "storage_helpers.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
+#include <map>
 #include <set>
+#include <tuple>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <nk/devmgmt.h>
 
 #include "cloud_request.h"
@@ -264,6 +269,49 @@ TEST_F(EmulatedCloudTest, SyncCarriesLocalStateOverAndDropsWhatTheCloudForgot) {
         EXPECT_EQ(b->local.macips.get_ips(box_mac, true), box.local.macips.get_ips(box_mac, true))
             << load;
     }
+}
+
+// Every file and folder of a store, with its inode and times: a write of any kind, an access
+// time included, changes one of them.
+using StoreTimes = std::map<std::string, std::tuple<ino_t, long long, long long, long long>>;
+long long nanoseconds(const timespec& t) {
+    return t.tv_sec * 1000000000LL + t.tv_nsec;
+}
+StoreTimes store_times(const std::string& root) {
+    StoreTimes times;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+        struct stat st {};
+        EXPECT_EQ(::lstat(entry.path().c_str(), &st), 0);
+        times[entry.path()] = {st.st_ino, nanoseconds(st.st_atim), nanoseconds(st.st_mtim),
+                               nanoseconds(st.st_ctim)};
+    }
+    return times;
+}
+
+// A router's flash takes no write for a reload that changes nothing.
+TEST_F(EmulatedCloudTest, AReloadOfUnchangedDevicesWritesNothingToTheStore) {
+    for (int i = 1; i <= 3; ++i)
+        emu("add " + mac_text(i));
+    const auto reload = [] {
+        std::vector<Device> stored;
+        ASSERT_TRUE(load_devices_from_cloud());
+        ASSERT_TRUE(load_devices_from_storage(stored));
+        sync_devices_to_storage(stored);
+    };
+    reload();
+    const std::string root = dir_ / "settings";
+    store_times(root);  // the listing reads the folders once, which may set their access times
+    const StoreTimes before = store_times(root);
+    reload();
+    const StoreTimes after = store_times(root);
+    std::vector<std::string> changed;
+    for (const auto& [path, times] : after) {
+        const auto it = before.find(path);
+        if (it == before.end() || it->second != times)
+            changed.push_back(path);
+    }
+    EXPECT_EQ(after.size(), before.size());
+    EXPECT_TRUE(changed.empty()) << fmt::format("{}", fmt::join(changed, "\n"));
 }
 
 TEST_F(EmulatedCloudTest, RefreshStoresChangedFieldsAndKeepsThisBoxsOnbox) {
