@@ -19,7 +19,12 @@ bool is_locally_administered(const macaddr& mac);
 inline constexpr long kDhcpWait = 30;
 inline constexpr std::size_t kMaxWaitingDhcpResults = 64;
 bool hold_dhcp_result(const nk::DhcpResult& result, long now);
+// The same for a user agent: a phone browses as soon as it has an address, before the collector
+// has decided what its new MAC is.
+bool hold_user_agent(const UserAgent& agent, long now);
 // The held results whose MAC is explained or known now, or that waited long enough; each with
 // the MAC it is to be taken under.
 std::vector<nk::DhcpResult> release_dhcp_results(long now);
+std::vector<UserAgent> release_user_agents(long now);
+// DHCP results and user agents waiting.
 std::size_t held_dhcp_results();

@@ -54,7 +54,7 @@ bool cached(const nk::Cache<macaddr, nk::AdditionalInfo<T>>& cache, std::mutex& 
     return cache.exists(mac, nk::AdditionalInfo<T>{info});
 }
 
-void handle_user_agent(const UserAgent& agent) {
+void take_user_agent(const UserAgent& agent) {
     // A rotated phone browses from addresses its lease does not name (SLAAC): its MAC decides.
     macaddr mac = get_real_mac(agent.mac, agent.ip);
     if (mac == agent.mac)
@@ -69,6 +69,14 @@ void handle_user_agent(const UserAgent& agent) {
         return;
     }
     send_user_agent(mac, agent.user_agent);
+}
+
+// An unexplained random MAC waits for the leases that may name its device.
+void handle_user_agent(const UserAgent& agent) {
+    if (get_real_mac(agent.mac, agent.ip) == agent.mac && real_mac_of(agent.mac) == agent.mac &&
+        hold_user_agent(agent, g_now))
+        return;
+    take_user_agent(agent);
 }
 
 void update_detected_name(const macaddr& mac, const std::string& hostname) {
@@ -198,6 +206,8 @@ void process_device_id_requests() {
 }
 
 void process_sifter_user_agents() {
+    for (const UserAgent& agent : release_user_agents(g_now))
+        take_user_agent(agent);
     for (const UserAgent& agent : take_queue(g_user_agents, g_user_agents_mutex))
         handle_user_agent(agent);
 }

@@ -16,6 +16,13 @@ struct Held {
 
 std::vector<Held> s_held;  // main loop only
 
+struct HeldAgent {
+    UserAgent agent;
+    long since = 0;
+};
+
+std::vector<HeldAgent> s_held_agents;  // main loop only
+
 bool explained(const macaddr& mac) {
     return real_mac_of(mac) != mac || find_device_by_mac(mac) != nullptr ||
            g_temporary_device_ids.count(mac_key(mac)) != 0;
@@ -60,6 +67,28 @@ std::vector<nk::DhcpResult> release_dhcp_results(long now) {
     return released;
 }
 
+bool hold_user_agent(const UserAgent& agent, long now) {
+    if (!is_locally_administered(agent.mac) || explained(agent.mac) ||
+        s_held_agents.size() >= kMaxWaitingDhcpResults)
+        return false;
+    NK_LOG(nk::log::DEBUG, "user agent of random MAC {} waits for the leases", agent.mac);
+    s_held_agents.push_back(HeldAgent{agent, now});
+    return true;
+}
+
+std::vector<UserAgent> release_user_agents(long now) {
+    std::vector<UserAgent> released;
+    std::vector<HeldAgent> kept;
+    for (HeldAgent& held : s_held_agents) {
+        if (!explained(held.agent.mac) && now - held.since < kDhcpWait)
+            kept.push_back(std::move(held));
+        else
+            released.push_back(std::move(held.agent));
+    }
+    s_held_agents = std::move(kept);
+    return released;
+}
+
 std::size_t held_dhcp_results() {
-    return s_held.size();
+    return s_held.size() + s_held_agents.size();
 }

@@ -42,6 +42,7 @@ void reset_daemon_state() {
     set_answering_while_waiting(false);
     close_device_id_wake();
     release_dhcp_results(std::numeric_limits<long>::max());
+    release_user_agents(std::numeric_limits<long>::max());
     forget_stored_ids();
     g_storage_backlog = StorageBacklog();
     {
