@@ -48,13 +48,7 @@ protected:
     }
     // Whether some line of its output holds every one of `parts`.
     bool said(const std::vector<std::string>& parts) {
-        std::ifstream in(dir_ / "out");
-        for (std::string line; std::getline(in, line);) {
-            const auto has = [&](const std::string& part) { return line.find(part) != line.npos; };
-            if (std::all_of(parts.begin(), parts.end(), has))
-                return true;
-        }
-        return false;
+        return nk::test::has_line_with(dir_ / "out", parts);
     }
 
     nk::test::TempDir dir_;

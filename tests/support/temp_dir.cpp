@@ -2,10 +2,12 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 namespace nk::test {
@@ -56,6 +58,16 @@ int run_command(const std::string& command, std::string* out) {
     if (status < 0)
         return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+bool has_line_with(const std::string& file, const std::vector<std::string>& parts) {
+    std::ifstream in(file);
+    for (std::string line; std::getline(in, line);) {
+        const auto has = [&](const std::string& part) { return line.find(part) != line.npos; };
+        if (std::all_of(parts.begin(), parts.end(), has))
+            return true;
+    }
+    return false;
 }
 
 }  // namespace nk::test

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace nk::test {
 
@@ -35,5 +36,8 @@ private:
 
 // Runs a command with /bin/sh, returns its exit status and fills `out` with its stdout.
 int run_command(const std::string& command, std::string* out = nullptr);
+
+// Whether some line of the file holds every one of `parts`.
+bool has_line_with(const std::string& file, const std::vector<std::string>& parts);
 
 }  // namespace nk::test
