@@ -224,6 +224,8 @@ int Collector::run() {
     if (!send(true))
         return 0;
     for (;;) {
+        // A snapshot of a large LAN leaves its parsed leases and message free but resident.
+        nk::memory::release_freed();
         epoll_event events[8];
         const int n = ::epoll_wait(epoll.get(), events, 8, wait_ms(Clock::now()));
         if (n < 0 && errno != EINTR) {
@@ -266,8 +268,6 @@ int Collector::run() {
             if (!send(true))
                 return 0;
         }
-        // A snapshot of a large LAN leaves its parsed leases and message free but resident.
-        nk::memory::release_freed();
     }
 }
 
