@@ -15,6 +15,7 @@
 #include <nk/constants.h>
 #include <nk/io.h>
 #include <nk/log.h>
+#include <nk/memory_budget.h>
 #include <nk/setmgmt.h>
 
 #include "interface_roles.h"
@@ -102,6 +103,8 @@ int Sifter::run() {
             if (fd == timer.get()) {
                 drain(fd);
                 follow_interfaces(epoll.get(), false);
+                // Opening captures (compiling their filters) leaves freed heap behind.
+                nk::memory::release_freed();
                 if (Clock::now() >= next_report_) {
                     log_minute();
                     next_report_ = Clock::now() + kReportPeriod;
