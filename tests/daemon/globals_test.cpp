@@ -41,7 +41,6 @@ TEST_F(GlobalsTest, StoreValuesOverrideDefaults) {
     EXPECT_EQ(g_retry_interval["default"], 7);
     EXPECT_EQ(g_retry_interval["update_box_detected_name"], 90);
     EXPECT_EQ(g_retry_interval["subprocess_respawn_retries"], 2);
-    EXPECT_EQ(g_retry_interval["send_onbox_to_cloud"], 30);
     EXPECT_EQ(g_avahi_max_cache_size, 3);
     EXPECT_EQ(g_sync_poll_interval, 15);
     EXPECT_EQ(g_device_id, "box-1");

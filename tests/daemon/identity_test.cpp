@@ -14,11 +14,10 @@
 #include <nk/log.h>
 #include <nk/setmgmt.h>
 
+#include "daemon_fixture.h"
 #include "globals.h"
 #include "stderr_capture.h"
 #include "storage_helpers.h"
-#include "temp_dir.h"
-#include "test_broker.h"
 #include "utils.h"
 #include "wait.h"
 
@@ -55,26 +54,20 @@ std::string temporary_id(int n) {
     return fmt::format("00000000-0000-0000-0000-{:012d}", n);
 }
 
-class IdentityTest : public ::testing::Test {
+class IdentityTest : public nk::test::StoreTest {
 protected:
+    IdentityTest() : StoreTest("2000") {}
     void SetUp() override {
-        ASSERT_TRUE(broker_.start());
-        ASSERT_NE(g_nkex = nkex_init("nkdevicediscovery", nullptr, nullptr, 1), nullptr);
-        peer_ = nkex_init("listener", collect, &inbox_, 1);
-        ASSERT_NE(peer_, nullptr);
+        StoreTest::SetUp();
+        ASSERT_NE(peer_ = nkex_init("listener", collect, &inbox_, 1), nullptr);
         const char* events[] = {"permanent_device_id", "clear_device_id_cache"};
         ASSERT_EQ(nkex_subscribe(peer_, events, 2), 0);
     }
     void TearDown() override {
         nkex_uninit(peer_);
-        nkex_uninit(g_nkex);
-        g_nkex = nullptr;
+        StoreTest::TearDown();
     }
 
-    nk::test::TempDir dir_;
-    nk::test::TestBroker broker_{dir_.path()};
-    nk::test::ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
-    nk::test::ScopedEnv timeout_env_{"NKEX_TIMEOUT_MS", "2000"};
     Inbox inbox_;
     nkex_handle* peer_ = nullptr;
 };
@@ -113,9 +106,6 @@ TEST_F(IdentityTest, NumberingRestartsPastTheMaximumAndListenersAreTold) {
 
 // Whoever hears that a temporary id became a cloud id must find that device stored.
 TEST_F(IdentityTest, AConfirmedMacIsAnnouncedOnlyOnceItsDeviceIsStoredAndUnlocked) {
-    nk::test::ScopedEnv settings("NK_SETTINGS_DIR", dir_ / "settings");
-    nk::test::ScopedEnv table("NK_DEVMGMT_DIR", dir_ / "devmgmt");
-    ASSERT_EQ(nk::setMgmt::init(), 0);
     const macaddr mac = nth_mac(5);
     const std::string temporary = get_device_id(mac);
     Device device;
@@ -137,8 +127,6 @@ TEST_F(IdentityTest, AConfirmedMacIsAnnouncedOnlyOnceItsDeviceIsStoredAndUnlocke
     EXPECT_EQ(inbox_.find("permanent_device_id")->second,
               R"({"temp_device_id": ")" + temporary + R"(", "cloud_device_id": "cloud-9"})");
     EXPECT_EQ(g_temporary_device_ids.count(mac_key(mac)), 0u);
-    nk::devMgmt::close_table();
-    nk::setMgmt::uninit();
 }
 
 TEST(RealMac, FakeMacIsReplacedOnlyWhenItsIpMatches) {
