@@ -7,7 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <mutex>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <nk/devmgmt.h>
 #include <nk/json.h>
@@ -32,20 +36,11 @@ inline void send_probe(const std::string& text) {
     cloud_request("cloud::connect/box_mgmt/probe", body.get(), &answer);
 }
 
-// A real settings store, device table and broker, and the daemon's connection to the broker.
-class StoreTest : public ::testing::Test {
+// A settings store and a device table of the case's own.
+class SettingsTest : public ::testing::Test {
 protected:
-    explicit StoreTest(const char* bus_timeout_ms = "300")
-        : timeout_env_("NKEX_TIMEOUT_MS", bus_timeout_ms) {}
-    void SetUp() override {
-        ASSERT_EQ(nk::setMgmt::init(), 0);
-        ASSERT_TRUE(broker_.start());
-        ASSERT_NE(g_nkex = nkex_init("nkdevicediscovery", nullptr, nullptr, 1), nullptr);
-    }
+    void SetUp() override { ASSERT_EQ(nk::setMgmt::init(), 0); }
     void TearDown() override {
-        nkex_uninit(g_nkex);
-        g_nkex = nullptr;
-        nk::onbox::Guardian::instance().uninit();
         nk::devMgmt::close_table();
         nk::setMgmt::uninit();
     }
@@ -53,9 +48,49 @@ protected:
     TempDir dir_;
     ScopedEnv settings_{"NK_SETTINGS_DIR", dir_ / "settings"};
     ScopedEnv table_{"NK_DEVMGMT_DIR", dir_ / "devmgmt"};
+};
+
+// With a broker, and the daemon's connection to it.
+class StoreTest : public SettingsTest {
+protected:
+    explicit StoreTest(const char* bus_timeout_ms = "300")
+        : timeout_env_("NKEX_TIMEOUT_MS", bus_timeout_ms) {}
+    void SetUp() override {
+        SettingsTest::SetUp();
+        ASSERT_TRUE(broker_.start());
+        ASSERT_NE(g_nkex = nkex_init("nkdevicediscovery", nullptr, nullptr, 1), nullptr);
+    }
+    void TearDown() override {
+        nkex_uninit(g_nkex);
+        g_nkex = nullptr;
+        nk::onbox::Guardian::instance().uninit();
+        SettingsTest::TearDown();
+    }
+
     TestBroker broker_{dir_.path()};
     ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
     ScopedEnv timeout_env_;
+};
+
+// Events a bus client subscribed to, in the order they came.
+struct Inbox {
+    std::mutex mutex;
+    std::vector<std::pair<std::string, std::string>> events;  // name, payload
+
+    static void collect(const Message* m, void* context) {
+        auto* inbox = static_cast<Inbox*>(context);
+        const std::lock_guard lock(inbox->mutex);
+        inbox->events.emplace_back(m->name, std::string(m->data ? m->data : "", m->length));
+    }
+    // The payload of the first event of that name.
+    std::optional<std::string> find(const std::string& name) {
+        const std::lock_guard lock(mutex);
+        for (const auto& [event, payload] : events) {
+            if (event == name)
+                return payload;
+        }
+        return std::nullopt;
+    }
 };
 
 // g_now pinned at 1000, the BOX is "box-1", and the cloud knows every MAC as "d-1".

@@ -46,7 +46,7 @@ class EventProcessorsTest : public nk::test::EventLoopTest {
 protected:
     void SetUp() override {
         EventLoopTest::SetUp();
-        ASSERT_NE(asker_ = nkex_init("asker", notice, this, 1), nullptr);
+        ASSERT_NE(asker_ = nkex_init("asker", nk::test::Inbox::collect, &notices_, 1), nullptr);
         const char* notices[] = {"permanent_device_id"};
         ASSERT_EQ(nkex_subscribe(asker_, notices, 1), 0);
         // A device the cloud knows, as a load leaves it.
@@ -59,11 +59,6 @@ protected:
         EventLoopTest::TearDown();
     }
 
-    static void notice(const Message* m, void* context) {
-        auto* self = static_cast<EventProcessorsTest*>(context);
-        const std::lock_guard lock(self->mutex_);
-        self->notices_.emplace_back(m->data ? m->data : "", m->length);
-    }
     static void answered(void* context, const Message* response) {
         auto* asked = static_cast<Asked*>(context);
         asked->answer.assign(response->data ? response->data : "", response->length);
@@ -81,10 +76,6 @@ protected:
     static std::size_t queued_requests() {
         const std::lock_guard lock(g_devid_requests_mutex);
         return g_devid_requests.size();
-    }
-    std::vector<std::string> notices() {
-        const std::lock_guard lock(mutex_);
-        return notices_;
     }
     // The device each request of a command was for.
     std::vector<std::string> ids_of(const std::string& command) {
@@ -106,8 +97,7 @@ protected:
 
     nkex_handle* asker_ = nullptr;
     std::deque<Asked> asked_;  // stable addresses for the callbacks
-    std::mutex mutex_;
-    std::vector<std::string> notices_;
+    nk::test::Inbox notices_;
 };
 
 std::string answer_of(const std::string& mac, const std::string& id) {
@@ -152,8 +142,9 @@ TEST_F(EventProcessorsTest, EveryRequestIsAnsweredAfterTheFirstLeasesAndUnknownM
     EXPECT_EQ(find_device_by_mac(kUnknown)->cloud.device_id, "d-1");
     EXPECT_TRUE(g_pending_devices.empty());
     EXPECT_EQ(sent_of("connect_device"), 1u);
-    ASSERT_TRUE(nk::test::wait_until([&] { return !notices().empty(); }));
-    EXPECT_EQ(notices()[0],
+    ASSERT_TRUE(
+        nk::test::wait_until([&] { return notices_.find("permanent_device_id").has_value(); }));
+    EXPECT_EQ(notices_.find("permanent_device_id"),
               fmt::format(R"({{"temp_device_id": "{}", "cloud_device_id": "d-1"}})", temporary));
 }
 

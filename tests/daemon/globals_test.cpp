@@ -6,27 +6,24 @@
 #include <nk/featureutl.h>
 #include <nk/setmgmt.h>
 
-#include "temp_dir.h"
+#include "daemon_fixture.h"
 
 namespace {
 
-class GlobalsTest : public ::testing::Test {
+class GlobalsTest : public nk::test::SettingsTest {
 protected:
     void SetUp() override {
-        ASSERT_EQ(nk::setMgmt::init(), 0);
+        SettingsTest::SetUp();
         ASSERT_EQ(nk::featureutl::init(), 0);
     }
     void TearDown() override {
         uninit_globals();
         nk::featureutl::uninit();
-        nk::setMgmt::uninit();
+        SettingsTest::TearDown();
     }
     void set(const std::string& key, const std::string& value) {
         ASSERT_EQ(nk::setMgmt::setKey(key, value), 0);
     }
-
-    nk::test::TempDir dir_;
-    nk::test::ScopedEnv env_{"NK_SETTINGS_DIR", dir_.path()};
 };
 
 TEST_F(GlobalsTest, StoreValuesOverrideDefaults) {

@@ -23,28 +23,6 @@
 
 namespace {
 
-using Event = std::pair<std::string, std::string>;  // name, payload
-
-struct Inbox {
-    std::mutex mutex;
-    std::vector<Event> events;
-
-    std::optional<Event> find(const std::string& name) {
-        const std::lock_guard lock(mutex);
-        for (const Event& e : events) {
-            if (e.first == name)
-                return e;
-        }
-        return std::nullopt;
-    }
-};
-
-void collect(const Message* m, void* context) {
-    auto* inbox = static_cast<Inbox*>(context);
-    const std::lock_guard lock(inbox->mutex);
-    inbox->events.emplace_back(m->name, std::string(m->data ? m->data : "", m->length));
-}
-
 macaddr nth_mac(int n) {
     return macaddr(std::array<std::uint8_t, 6>{0x02, 0, 0, 0, static_cast<std::uint8_t>(n >> 8),
                                                static_cast<std::uint8_t>(n & 0xff)});
@@ -59,7 +37,7 @@ protected:
     IdentityTest() : StoreTest("2000") {}
     void SetUp() override {
         StoreTest::SetUp();
-        ASSERT_NE(peer_ = nkex_init("listener", collect, &inbox_, 1), nullptr);
+        ASSERT_NE(peer_ = nkex_init("listener", nk::test::Inbox::collect, &inbox_, 1), nullptr);
         const char* events[] = {"permanent_device_id", "clear_device_id_cache"};
         ASSERT_EQ(nkex_subscribe(peer_, events, 2), 0);
     }
@@ -68,7 +46,7 @@ protected:
         StoreTest::TearDown();
     }
 
-    Inbox inbox_;
+    nk::test::Inbox inbox_;
     nkex_handle* peer_ = nullptr;
 };
 
@@ -99,7 +77,7 @@ TEST_F(IdentityTest, NumberingRestartsPastTheMaximumAndListenersAreTold) {
     EXPECT_EQ(get_device_id(nth_mac(kMax + 1)), temporary_id(1));
     ASSERT_TRUE(
         nk::test::wait_until([&] { return inbox_.find("clear_device_id_cache").has_value(); }));
-    EXPECT_EQ(inbox_.find("clear_device_id_cache")->second, "");
+    EXPECT_EQ(inbox_.find("clear_device_id_cache"), "");
     EXPECT_EQ(g_temporary_device_ids.size(), 1u);
     EXPECT_EQ(get_device_id(nth_mac(1)), temporary_id(2)) << "old ids were forgotten";
 }
@@ -124,7 +102,7 @@ TEST_F(IdentityTest, AConfirmedMacIsAnnouncedOnlyOnceItsDeviceIsStoredAndUnlocke
     device.unlock_device_key();
     ASSERT_TRUE(
         nk::test::wait_until([&] { return inbox_.find("permanent_device_id").has_value(); }));
-    EXPECT_EQ(inbox_.find("permanent_device_id")->second,
+    EXPECT_EQ(inbox_.find("permanent_device_id"),
               R"({"temp_device_id": ")" + temporary + R"(", "cloud_device_id": "cloud-9"})");
     EXPECT_EQ(g_temporary_device_ids.count(mac_key(mac)), 0u);
 }
