@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """Turns tshark's reading of captured DHCP client messages into the parsers' test data.
 
-    capture-dhcp-render.py FIELDS_JSON DISSECTION_TXT CLIENTS HEADER CORPUS_DIR
+    capture-dhcp-render.py FIELDS_JSON DISSECTION_TXT CLIENTS CAPTURES_JSONL CORPUS_DIR
 
 FIELDS_JSON is `tshark -T json -e ...` of the client messages, DISSECTION_TXT their
-`tshark -O dhcp,dhcpv6` text, CLIENTS lines of "MAC label". Writes HEADER (C++) and seeds
-CORPUS_DIR/dhcpv4, CORPUS_DIR/dhcpv6 and CORPUS_DIR/nkex_handlers with the packets.
+`tshark -O dhcp,dhcpv6` text, CLIENTS lines of "MAC label". Writes CAPTURES_JSONL, one packet a
+line: its name, version, frame source MAC, UDP datagram as hex, tshark's reading of the fields
+the parsers extract and tshark's dissection. Seeds CORPUS_DIR/dhcpv4, CORPUS_DIR/dhcpv6 (the
+DHCP message without its UDP header) and CORPUS_DIR/nkex_handlers (the bus event) with them.
 """
 
 import base64
@@ -15,7 +17,7 @@ import os
 import re
 import sys
 
-# BOOTP header lines that say nothing about the client; left out of the comments.
+# BOOTP header lines that say nothing about the client; left out of the dissection.
 DULL = re.compile(
     r"^(Hops|Transaction ID|Seconds elapsed|Bootp flags|\.|Client IP address|Your \(client\)|"
     r"Next server|Relay agent|Client hardware address padding|Server host name|Boot file name|"
@@ -30,19 +32,6 @@ def field(layers, name, join=None):
     if join is not None:
         return join.join(values)
     return values[0] if values else ""
-
-
-def c_string(text):
-    out = []
-    for byte in text.encode():
-        ch = chr(byte)
-        if ch in '"\\':
-            out.append("\\" + ch)
-        elif 32 <= byte < 127:
-            out.append(ch)
-        else:
-            out.append("\\x%02x" % byte)
-    return '"' + "".join(out) + '"'
 
 
 def dissections(text):
@@ -83,7 +72,7 @@ def write_seed(directory, data):
         out.write(data)
 
 
-def main(fields_json, dissection_txt, clients_file, header, corpus):
+def main(fields_json, dissection_txt, clients_file, captures, corpus):
     with open(fields_json) as f:
         packets = [p["_source"]["layers"] for p in json.load(f)]
     with open(dissection_txt) as f:
@@ -114,18 +103,10 @@ def main(fields_json, dissection_txt, clients_file, header, corpus):
             hostname = field(layers, "dhcp.option.hostname").split(".")[0]
             client_mac = field(layers, "dhcp.hw.mac_addr")
         label = clients.get(source, "unknown client")
-        hexed = udp.hex()
-        chunks = [hexed[i:i + 64] for i in range(0, len(hexed), 64)]
-        entries.append("\n".join(
-            ["    // %s, %s (frame %d)" % (label, kind or "?", number)]
-            + ["    // %s" % l for l in lines]
-            + ["    {%s, %s, %s," % (c_string("%s %s" % (label, kind)), "true" if v6 else "false",
-                                     c_string(source))]
-            + ["     %s" % c_string(c) for c in chunks[:-1]]
-            + ["     %s," % c_string(chunks[-1])]
-            + ["     %s, %s, %s, %s, %s}," % (c_string(kind), c_string(option_list),
-                                              c_string(vendor_class), c_string(hostname),
-                                              c_string(client_mac))]))
+        entries.append({"name": "%s %s" % (label, kind), "v6": v6, "source_mac": source,
+                        "udp": udp.hex(), "message_type": kind, "option_list": option_list,
+                        "vendor_class": vendor_class, "hostname": hostname,
+                        "client_mac": client_mac, "dissection": lines})
 
         dhcp = udp[8:]
         write_seed(os.path.join(corpus, "dhcpv6" if v6 else "dhcpv4"), dhcp)
@@ -134,39 +115,9 @@ def main(fields_json, dissection_txt, clients_file, header, corpus):
         write_seed(os.path.join(corpus, "nkex_handlers"),
                    SIFTER_DHCP_PAYLOAD + json.dumps(event).encode())
 
-    with open(header, "w") as out:
-        out.write("""\
-// Client messages of real DHCP clients, captured on a LAN of network namespaces served by
-// dnsmasq: the UDP datagram as the sifter hands it over, with tshark's dissection above it and
-// tshark's reading of what the parsers extract. Made by scripts/capture-dhcp: capture again
-// rather than edit.
-#pragma once
-
-namespace nk::test {
-
-struct CapturedDhcp {
-    const char* name;  // client and message type
-    bool v6;
-    const char* source_mac;  // of the frame
-    const char* udp;         // UDP header and payload, hex
-    // as tshark reads them
-    const char* message_type;
-    const char* option_list;   // requested options in order
-    const char* vendor_class;  // DHCPv6: "enterprise; data"
-    const char* hostname;      // option 12, or the first label of the DHCPv6 FQDN
-    const char* client_mac;    // chaddr, or the DUID's link-layer address ("" without)
-};
-
-// clang-format off
-inline constexpr CapturedDhcp kCapturedDhcp[] = {
-""")
-        out.write("\n".join(entries))
-        out.write("""
-};
-// clang-format on
-
-}  // namespace nk::test
-""")
+    with open(captures, "w") as out:
+        for entry in entries:
+            out.write(json.dumps(entry, ensure_ascii=False) + "\n")
 
 
 if __name__ == "__main__":

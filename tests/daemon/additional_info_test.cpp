@@ -2,8 +2,6 @@
 // how answers and faults change the cached records, and the back-off of the retries.
 #include "additional_info.h"
 
-#include <signal.h>
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,16 +15,14 @@
 #include <nk/setmgmt.h>
 
 #include "cloud_request.h"
-#include "daemon_process.h"
+#include "daemon_fixture.h"
+#include "emulated_cloud.h"
 #include "globals.h"
 #include "stderr_capture.h"
-#include "temp_dir.h"
-#include "test_broker.h"
+#include "test_data.h"
 #include "wait.h"
 
 namespace {
-
-using nk::test::ScopedEnv;
 
 const macaddr kMac("02:4e:4b:00:00:01");
 const nk::DhcpFingerprint kFingerprint{"1 28 2 3 15 6 119 12 44 47 26 121 42", "", false};
@@ -42,6 +38,12 @@ std::vector<nk::AdditionalInfo<T>> records(Cache& cache, std::mutex& mutex, cons
     return out;
 }
 
+std::int32_t state_of(const std::string& name) {
+    return name == "ok"         ? nk::kSubmissionOk
+           : name == "deferred" ? nk::kSubmissionDeferred
+                                : nk::kSubmissionFailed;
+}
+
 std::vector<nk::AdditionalInfo<nk::DhcpFingerprint>> fingerprints() {
     return records<nk::DhcpFingerprint>(g_fingerprint_cache, g_fingerprint_cache_mutex, kMac);
 }
@@ -50,65 +52,25 @@ std::vector<nk::AdditionalInfo<std::string>> user_agents() {
     return records<std::string>(g_user_agent_cache, g_user_agent_cache_mutex, kMac);
 }
 
-class SubmissionTest : public ::testing::Test {
+class SubmissionTest : public nk::test::StoreTest {
 protected:
     void SetUp() override {
-        ASSERT_EQ(nk::setMgmt::init(), 0);
-        ASSERT_TRUE(broker_.start());
-        ASSERT_TRUE(
-            cloud_.start({NK_CLOUD_EMU_BIN, "-f", "--log-level", "3", "--db", db_, "serve"}));
-        ASSERT_TRUE(cloud_.wait_for_line("cloud ready"));
-        ASSERT_NE(g_nkex = nkex_init("nkdevicediscovery", nullptr, nullptr, 1), nullptr);
+        StoreTest::SetUp();
+        ASSERT_TRUE(cloud_.start());
         g_retry_interval = {{"default", 5}};
         g_now = 1000;
-        std::string out;
-        ASSERT_EQ(nk::test::run_command(fmt::format("{} --db {} add {}", NK_CLOUD_EMU_BIN, db_,
-                                                    kMac.to_string(false)),
-                                        &out),
-                  0);
-        device_id_ = out.substr(0, out.find('\n'));
+        device_id_ = cloud_.emu("add " + kMac.to_string(false));
         g_devices.emplace_back("local-1", kMac, nk::ip_set{}, "laptop");
         g_devices.back().cloud.device_id = device_id_;
     }
-    void TearDown() override {
-        nkex_uninit(g_nkex);
-        cloud_.stop(SIGTERM);
-        nk::setMgmt::uninit();
-    }
 
-    std::string emu(const std::string& args) {
-        std::string out;
-        EXPECT_EQ(
-            nk::test::run_command(fmt::format("{} --db {} {}", NK_CLOUD_EMU_BIN, db_, args), &out),
-            0)
-            << args;
-        return out;
-    }
-
+    std::string emu(const std::string& args) { return cloud_.run(args); }
     nk::json_ptr shown() {
         return nk::json_ptr(json_loads(emu("show --json " + device_id_).c_str(), 0, nullptr));
     }
 
-    // Requests of a command the cloud has seen; a later probe request showing in its log
-    // proves every earlier line read.
-    int requests_seen(const std::string& command) {
-        const std::string probe = fmt::format("probe-{}", ++probes_);
-        const nk::json_ptr body(json_pack("{s:s}", "probe", probe.c_str()));
-        nk::json_ptr answer;
-        cloud_request("cloud::connect/box_mgmt/probe", body.get(), &answer);
-        EXPECT_TRUE(cloud_.wait_for_line('"' + probe + '"'));
-        return cloud_.count_lines("request " + command + " id=");
-    }
-
-    nk::test::TempDir dir_;
-    ScopedEnv settings_{"NK_SETTINGS_DIR", dir_ / "settings"};
-    nk::test::TestBroker broker_{dir_.path()};
-    ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
-    ScopedEnv timeout_env_{"NKEX_TIMEOUT_MS", "300"};
-    const std::string db_ = dir_ / "cloud.db";
-    nk::test::DaemonProcess cloud_;
+    nk::test::EmulatedCloud cloud_{dir_ / "cloud.db"};
     std::string device_id_;
-    int probes_ = 0;
 };
 
 TEST_F(SubmissionTest, AnAcceptedFingerprintIsStoredAndNeverSentAgain) {
@@ -128,41 +90,34 @@ TEST_F(SubmissionTest, AnAcceptedFingerprintIsStoredAndNeverSentAgain) {
 
     g_now += 100000;
     retry_fingerprints();
-    EXPECT_EQ(requests_seen("set_device_additional_info"), 2);
+    EXPECT_EQ(cloud_.requests_seen("set_device_additional_info", nk::test::send_probe), 2);
 }
 
-// Each retry doubles the wait, up to the cap of the state the record was in.
+// Each retry doubles the wait, up to the cap of the state the record was in
+// (data/submission_backoff.jsonl).
 TEST_F(SubmissionTest, DeferredAndFailedSubmissionsAreRetriedWithBackOff) {
-    struct Case {
-        const char* fault;
-        std::int32_t state;
-        std::vector<std::int32_t> intervals;  // after the first send and each retry
-    };
-    for (const Case& c : {
-             Case{"status=3", nk::kSubmissionDeferred, {5, 10, 20, 40, 80, 160, 320, 600, 600}},
-             Case{"error=500",
-                  nk::kSubmissionFailed,
-                  {5, 10, 20, 40, 80, 160, 320, 640, 1280, 2560, 3600, 3600}},
-             Case{"drop", nk::kSubmissionFailed, {5, 10}},  // the answer's time-out fails it
-         }) {
-        SCOPED_TRACE(c.fault);
+    for (const nk::json_ptr& row : nk::test::rows("submission_backoff")) {
+        const std::string fault = nk::test::str(row.get(), "fault");
+        const std::int32_t state = state_of(nk::test::str(row.get(), "state"));
+        const std::vector<long long> intervals = nk::test::nums(row.get(), "intervals");
+        SCOPED_TRACE(fault);
         emu("fault clear");
-        emu(fmt::format("fault add {},command=set_device_additional_info", c.fault));
+        emu(fmt::format("fault add {},command=set_device_additional_info", fault));
         remove_macs_from_cache(std::vector<macaddr>{kMac}, g_fingerprint_cache,
                                g_fingerprint_cache_mutex);
         ASSERT_TRUE(send_dhcp_fingerprint(kMac, kFingerprint));
-        for (std::size_t i = 0; i < c.intervals.size(); ++i) {
+        for (std::size_t i = 0; i < intervals.size(); ++i) {
             const long attempt = g_now;
             ASSERT_TRUE(nk::test::wait_until([&] {
                 const auto r = fingerprints();
-                return r.size() == 1 && r[0].state == c.state && r[0].last_attempt == attempt;
+                return r.size() == 1 && r[0].state == state && r[0].last_attempt == attempt;
             }));
-            EXPECT_EQ(fingerprints()[0].retry_interval, c.intervals[i]) << i;
+            EXPECT_EQ(fingerprints()[0].retry_interval, intervals[i]) << i;
             retry_fingerprints();  // not due yet: nothing happens
             EXPECT_EQ(fingerprints()[0].last_attempt, attempt);
-            if (i + 1 == c.intervals.size())
-                break;  // no answer left in flight for the next case
-            g_now += c.intervals[i] + 1;
+            if (i + 1 == intervals.size())
+                break;  // no answer left in flight for the next row
+            g_now += intervals[i] + 1;
             retry_fingerprints();
         }
     }
@@ -252,44 +207,18 @@ Message answer(const char* status, const std::string& data) {
     return m;
 }
 
+// The rows: data/submission_answers.jsonl.
 TEST(SubmissionAnswerTest, EachAnswerLeavesTheRecordInItsState) {
-    struct Case {
-        const char* status;
-        std::string data;
-        bool user_agent;
-        std::int32_t state;
-        const char* line;
-    };
-    const std::vector<Case> cases = {
-        {"0", R"({"result": {"status": 0}})", false, nk::kSubmissionOk, "as OK"},
-        {"0", R"({"result": {"status": false}})", false, nk::kSubmissionOk, "as OK"},
-        {"0", R"({"result": {"status": true}})", false, nk::kSubmissionFailed, "status 1 in"},
-        {"0", R"({"result": {"status": 2}})", false, nk::kSubmissionFailed, "status 1 in"},
-        {"0", R"({"result": {"status": "ok"}})", false, nk::kSubmissionFailed,
-         "error extracting status from response"},
-        {"0", R"({"result": {}})", false, nk::kSubmissionFailed, "error extracting status"},
-        {"0", R"({"error": {"code": 500}})", false, nk::kSubmissionFailed,
-         "error parsing response"},
-        {"0", "", false, nk::kSubmissionFailed, "error parsing response"},
-        {"3", "", false, nk::kSubmissionDeferred, "response status=3"},
-        {"110", "", false, nk::kSubmissionFailed, "response status=110"},
-        {"x", "", false, nk::kSubmissionFailed, "response status=x"},
-        {"0", R"({"result": {"status": "ok"}})", true, nk::kSubmissionOk, "as OK"},
-        {"0", R"({"result": {"status": 0}})", true, nk::kSubmissionFailed,
-         "error extracting status from response for mac=02:4e:4b:00:00:01, user_agent=agent/1"},
-        {"0", R"({"result": {"status": "denied"}})", true, nk::kSubmissionFailed,
-         "status 1 in response for mac"},
-        {"0", R"({"error": {}})", true, nk::kSubmissionFailed, "error extracting result"},
-        {"0", "not json", true, nk::kSubmissionFailed, "error parsing response for mac"},
-        {"3", "", true, nk::kSubmissionDeferred, "response status=3 for user_agent=agent/1"},
-    };
-    for (const Case& c : cases) {
+    for (const nk::json_ptr& row : nk::test::rows("submission_answers")) {
+        const json_t* c = row.get();
+        const std::string status = nk::test::str(c, "status"), data = nk::test::str(c, "data");
+        const bool user_agent = nk::test::flag(c, "user_agent");
         SCOPED_TRACE(
-            fmt::format("{} {} {}", c.user_agent ? "user agent" : "fingerprint", c.status, c.data));
-        const Message m = answer(c.status, c.data);
+            fmt::format("{} {} {}", user_agent ? "user agent" : "fingerprint", status, data));
+        const Message m = answer(status.c_str(), data);
         nk::test::StderrCapture capture;
         std::int32_t state = -1;
-        if (c.user_agent) {
+        if (user_agent) {
             remove_macs_from_cache(std::vector<macaddr>{kMac}, g_user_agent_cache,
                                    g_user_agent_cache_mutex);
             g_user_agent_cache.add(kMac, nk::new_submission(std::string("agent/1"), 0, 1000, 5));
@@ -307,8 +236,8 @@ TEST(SubmissionAnswerTest, EachAnswerLeavesTheRecordInItsState) {
                 &m);
             state = fingerprints().at(0).state;
         }
-        EXPECT_EQ(state, c.state);
-        EXPECT_NE(capture.text().find(c.line), std::string::npos);
+        EXPECT_EQ(state, state_of(nk::test::str(c, "state")));
+        EXPECT_NE(capture.text().find(nk::test::str(c, "line")), std::string::npos);
     }
 }
 

@@ -24,6 +24,8 @@
 #include <nk/setmgmt.h>
 
 #include "daemon_process.h"
+#include "emulated_cloud.h"
+#include "scripted_cloud.h"
 #include "temp_dir.h"
 #include "test_broker.h"
 #include "wait.h"
@@ -76,78 +78,44 @@ protected:
     DaemonProcess daemon_;
 };
 
-// Answers list_devices_v2 with a failure, or once told to, with an empty list; records when
-// each request came.
-class Connector {
-public:
-    explicit Connector(const std::string& broker) : env_("NKEX_BROKER", broker) {
-        handle_ = nkex_init("nkcloudd", answer, this, 1);
-        const char* names[] = {"cloud::connect/box_mgmt/#"};
-        EXPECT_EQ(nkex_subscribe(handle_, names, 1), 0);
-    }
-    ~Connector() { nkex_uninit(handle_); }
-    Connector(const Connector&) = delete;
-    Connector& operator=(const Connector&) = delete;
-
-    void succeed() { succeed_ = true; }
-    std::vector<std::chrono::steady_clock::time_point> requests() {
-        const std::lock_guard lock(mutex_);
-        return requests_;
-    }
-
-private:
-    static void answer(const Message* m, void* context) {
-        auto* self = static_cast<Connector*>(context);
-        {
-            const std::lock_guard lock(self->mutex_);
-            self->requests_.push_back(std::chrono::steady_clock::now());
-        }
-        const std::string empty = R"({"result": {"page": 0, "count": 0, "devices": []}})";
-        if (self->succeed_)
-            nkex_send_response(self->handle_, 0, m->id, empty.data(), empty.size());
-        else
-            nkex_send_response(self->handle_, 3, m->id, nullptr, 0);
-    }
-
-    nk::test::ScopedEnv env_;
-    nkex_handle* handle_ = nullptr;
-    std::atomic<bool> succeed_{false};
-    std::mutex mutex_;
-    std::vector<std::chrono::steady_clock::time_point> requests_;
-};
-
-TEST_F(DaemonRunTest, ReadyThenExitsCleanlyOnSignal) {
-    for (const int sig : {SIGTERM, SIGINT}) {
+// A signal ends it within a second, idle or while a request to a silent cloud is pending.
+TEST_F(DaemonRunTest, ExitsCleanlyOnSignal) {
+    nk::test::ScopedEnv timeout("NKEX_TIMEOUT_MS", "30000");
+    for (const auto& [sig, loading] : {std::pair{SIGINT, false}, {SIGTERM, true}}) {
+        if (loading)
+            give_wan();
         DaemonProcess daemon;
         ASSERT_TRUE(daemon.start(args(settings_)));
-        ASSERT_TRUE(daemon.wait_for_line("disco ready"));
+        ASSERT_TRUE(daemon.wait_for_line(loading ? "loading devices from cloud" : "disco ready"));
         EXPECT_EQ(daemon.stop(sig, 1s), 0) << "signal " << sig;
         EXPECT_EQ(daemon.count_lines("exiting"), 1);
     }
 }
 
 TEST_F(DaemonRunTest, StartUpFailuresExitWithStatusOne) {
+    struct Case {
+        std::string settings;
+        const char* setting;
+        bool broker;
+        const char* line;
+    };
     // A settings root below a regular file can never be created.
     std::ofstream(dir_ / "file") << "x";
-    ASSERT_TRUE(start(dir_ / "file/settings"));
-    EXPECT_EQ(daemon_.wait_exit(), 1);
-    EXPECT_EQ(daemon_.count_lines("nksetmgmt error"), 1);
-    EXPECT_EQ(daemon_.count_lines("disco ready"), 0);
-}
-
-TEST_F(DaemonRunTest, UnknownLeasesModeEndsStartUp) {
-    ASSERT_EQ(nkset("set /network/dhcp/leases_mode 2"), 0);
-    ASSERT_TRUE(start());
-    EXPECT_EQ(daemon_.wait_exit(), 1);
-    EXPECT_EQ(daemon_.count_lines("nkleases mode: 2"), 1);
-    EXPECT_EQ(daemon_.count_lines("disco ready"), 0);
-}
-
-TEST_F(DaemonRunTest, NoBrokerEndsStartUp) {
-    broker_.stop();
-    ASSERT_TRUE(start());
-    EXPECT_EQ(daemon_.wait_exit(), 1);
-    EXPECT_EQ(daemon_.count_lines("nkex_init()"), 1);
+    for (const Case& c :
+         {Case{dir_ / "file/settings", "", true, "nksetmgmt error"},
+          Case{settings_, "set /network/dhcp/leases_mode 2", true, "nkleases mode: 2"},
+          Case{settings_, "set /network/dhcp/leases_mode 0", false, "nkex_init()"}}) {
+        if (*c.setting) {
+            ASSERT_EQ(nkset(c.setting), 0);
+        }
+        if (!c.broker)
+            broker_.stop();
+        DaemonProcess daemon;
+        ASSERT_TRUE(daemon.start(args(c.settings)));
+        EXPECT_EQ(daemon.wait_exit(), 1) << c.line;
+        EXPECT_EQ(daemon.count_lines(c.line), 1);
+        EXPECT_EQ(daemon.count_lines("disco ready"), 0);
+    }
 }
 
 TEST_F(DaemonRunTest, EverySubscribedEventReachesTheDispatcher) {
@@ -176,16 +144,19 @@ TEST_F(DaemonRunTest, LoadsEveryTwoSecondsUntilLoadedAndNeverStartsACollectorWit
     give_wan();
     // The collector would be restarted at every active turn, were there a LAN to watch.
     ASSERT_EQ(nkset("set /daemons/nkdevicediscovery/subprocess_respawn_frequency 0"), 0);
-    Connector cloud(broker_.address());
+    const nk::test::ScopedEnv broker_env("NKEX_BROKER", broker_.address());
+    nk::test::ScriptedCloud cloud;
+    cloud.set("list_devices_v2", "", 3);
+    ASSERT_TRUE(cloud.connect());
     ASSERT_TRUE(start());
-    ASSERT_TRUE(nk::test::wait_until([&] { return cloud.requests().size() >= 3; }, 8s));
-    const auto at = cloud.requests();
+    ASSERT_TRUE(nk::test::wait_until([&] { return cloud.sent_at().size() >= 3; }, 8s));
+    const auto at = cloud.sent_at();
     for (std::size_t i = 1; i < at.size(); ++i) {
         EXPECT_GT(at[i] - at[i - 1], 1500ms) << i;
         EXPECT_LT(at[i] - at[i - 1], 3000ms) << i;
     }
 
-    cloud.succeed();
+    cloud.set("list_devices_v2", R"({"result": {"page": 0, "count": 0, "devices": []}})");
     ASSERT_TRUE(daemon_.wait_for_line("Devices loaded and synced!", 5s));
     // A change of feature is served by the loop on a later, active turn.
     ASSERT_EQ(nkset("set /features/ids/0 1"), 0);
@@ -193,15 +164,6 @@ TEST_F(DaemonRunTest, LoadsEveryTwoSecondsUntilLoadedAndNeverStartsACollectorWit
     EXPECT_EQ(daemon_.count_lines("Restarting"), 0);
     EXPECT_EQ(daemon_.count_lines("Started subprocess"), 0);
     EXPECT_EQ(daemon_.stop(SIGTERM), 0);
-}
-
-TEST_F(DaemonRunTest, StopsWithinASecondWhileTheCloudIsSilent) {
-    give_wan();
-    nk::test::ScopedEnv timeout("NKEX_TIMEOUT_MS", "30000");
-    ASSERT_TRUE(start());
-    ASSERT_TRUE(daemon_.wait_for_line("loading devices from cloud"));
-    EXPECT_EQ(daemon_.stop(SIGTERM, 1s), 0);
-    EXPECT_EQ(daemon_.count_lines("exiting"), 1);
 }
 
 TEST_F(DaemonRunTest, ASecondDaemonOnTheSameStoreRefusesToStart) {
@@ -247,7 +209,7 @@ protected:
     }
     void TearDown() override {
         daemon_.stop(SIGTERM);
-        cloud_.stop(SIGTERM);
+        cloud_.process.stop(SIGTERM);
         for (const std::string& dir : mounted_)
             ::umount2(dir.c_str(), MNT_DETACH);
     }
@@ -258,12 +220,11 @@ protected:
         for (int i = 0; i <= kListed; ++i) {
             const std::string mac = fmt::format("02:00:00:00:01:{:02x}", i);
             if (i < kListed)
-                ids_[mac] = emu("add " + mac);
+                ids_[mac] = cloud_.emu("add " + mac);
             leases << fmt::format("{} {} 198.51.100.{} host{} *\n", ::time(nullptr) + 3600, mac,
                                   10 + i, i);
         }
-        ASSERT_TRUE(cloud_.start({NK_CLOUD_EMU_BIN, "-f", "--db", db_, "serve"}));
-        ASSERT_TRUE(cloud_.wait_for_line("cloud ready"));
+        ASSERT_TRUE(cloud_.start());
     }
     // Writes until the mount has no room left.
     void fill(const std::string& dir) {
@@ -276,26 +237,14 @@ protected:
         ASSERT_EQ(errno, ENOSPC);
     }
 
-    std::string emu(const std::string& command) {
-        std::string out;
-        EXPECT_EQ(nk::test::run_command(
-                      std::string(NK_CLOUD_EMU_BIN) + " --db " + db_ + " " + command, &out),
-                  0)
-            << command;
-        return out.substr(0, out.find('\n'));
-    }
-
     // Devices the cloud lists, the BOX among them.
     int count_cloud() {
-        std::string out;
-        nk::test::run_command(std::string(NK_CLOUD_EMU_BIN) + " --db " + db_ + " list", &out);
+        const std::string out = cloud_.run("list");
         return static_cast<int>(std::count(out.begin(), out.end(), '\n'));
     }
     // The id the cloud registered a MAC under; empty when it has none.
     std::string cloud_id_of(const std::string& mac) {
-        std::string out;
-        nk::test::run_command(std::string(NK_CLOUD_EMU_BIN) + " --db " + db_ + " list", &out);
-        std::istringstream lines(out);
+        std::istringstream lines(cloud_.run("list"));
         for (std::string line; std::getline(lines, line);) {
             const nk::json_ptr device(json_loads(line.c_str(), 0, nullptr));
             const json_t* macs = json_object_get(device.get(), "macs");
@@ -348,13 +297,12 @@ protected:
     std::vector<std::string> mounted_;
     const std::string devmgmt_ = dir_ / "devmgmt";
     const std::string leases_ = dir_ / "dnsmasq.leases";
-    const std::string db_ = dir_ / "cloud.db";
     std::map<std::string, std::string> ids_;  // MAC to the cloud's device id
     nk::test::ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
     nk::test::ScopedEnv settings_env_{"NK_SETTINGS_DIR", settings_};
     nk::test::ScopedEnv devmgmt_env_{"NK_DEVMGMT_DIR", devmgmt_};
     nk::test::ScopedEnv collector_env_{"NK_LIBEXEC_DIR", NK_COLLECTOR_DIR};
-    DaemonProcess cloud_;
+    nk::test::EmulatedCloud cloud_{dir_ / "cloud.db"};
 };
 
 struct FullStores {
@@ -414,7 +362,7 @@ TEST_F(DegradedStoreTest, AStoreMadeReadOnlyCatchesUpOnceWritable) {
         << std::strerror(errno);
     const auto [removed_mac, removed] = *ids_.begin();
     ids_.erase(removed_mac);
-    emu("remove " + removed);
+    cloud_.emu("remove " + removed);
     std::ofstream(leases_, std::ios::app)
         << fmt::format("{} 02:00:00:00:02:01 198.51.100.60 joiner *\n", ::time(nullptr) + 3600);
     ASSERT_TRUE(daemon_.wait_for_line("Storage failing", 10s));
@@ -437,14 +385,14 @@ TEST_F(DegradedStoreTest, ARestartedDaemonAnswersKnownDevicesAtOnce) {
     for (const bool silent : {false, true}) {
         SCOPED_TRACE(silent ? "silent cloud" : "first start");
         if (silent)
-            ::kill(cloud_.pid(), SIGSTOP);
+            ::kill(cloud_.process.pid(), SIGSTOP);
         ASSERT_TRUE(start());
         ASSERT_TRUE(daemon_.wait_for_line("disco ready"));
         const auto asked = std::chrono::steady_clock::now();
         EXPECT_EQ(ask(mac, "198.51.100.10"), id);
         EXPECT_LT(std::chrono::steady_clock::now() - asked, 2s);
         if (silent)
-            ::kill(cloud_.pid(), SIGCONT);
+            ::kill(cloud_.process.pid(), SIGCONT);
         ASSERT_TRUE(daemon_.wait_for_line("Devices loaded and synced!", 10s));
         EXPECT_TRUE(daemon_.wait_for_line("Restarting", 3s));
         ASSERT_EQ(daemon_.stop(SIGTERM), 0);

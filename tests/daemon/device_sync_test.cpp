@@ -2,7 +2,6 @@
 // the cloud emulator, and a scripted connector for answers the emulator never gives.
 #include "storage_helpers.h"
 
-#include <signal.h>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
@@ -18,14 +17,12 @@
 #include <nk/devmgmt.h>
 
 #include "cloud_request.h"
-#include "daemon_process.h"
+#include "daemon_fixture.h"
+#include "emulated_cloud.h"
 #include "globals.h"
 #include "stderr_capture.h"
-#include "test_broker.h"
 
 namespace {
-
-using nk::test::ScopedEnv;
 
 std::string mac_text(int n) {
     return fmt::format("02:00:00:00:00:{:02x}", n);
@@ -35,25 +32,10 @@ std::string marker(const std::string& id) {
     return nk::setMgmt::getKeyValue("/devices/" + id, "absent");
 }
 
-class DeviceSyncTest : public ::testing::Test {
+// Bus answers take their time under the sanitizers when 256 pages come in a row.
+class DeviceSyncTest : public nk::test::StoreTest {
 protected:
-    void SetUp() override {
-        ASSERT_EQ(nk::setMgmt::init(), 0);
-        ASSERT_TRUE(broker_.start());
-        ASSERT_NE(g_nkex = nkex_init("nkdevicediscovery", nullptr, nullptr, 1), nullptr);
-    }
-    void TearDown() override {
-        nkex_uninit(g_nkex);
-        nk::devMgmt::close_table();
-        nk::setMgmt::uninit();
-    }
-
-    nk::test::TempDir dir_;
-    ScopedEnv settings_{"NK_SETTINGS_DIR", dir_ / "settings"};
-    ScopedEnv table_{"NK_DEVMGMT_DIR", dir_ / "devmgmt"};
-    nk::test::TestBroker broker_{dir_.path()};
-    ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
-    ScopedEnv timeout_env_{"NKEX_TIMEOUT_MS", "1000"};
+    DeviceSyncTest() : StoreTest("1000") {}
 };
 
 std::string page(int number, int devices) {
@@ -78,8 +60,8 @@ protected:
         ASSERT_EQ(nkex_subscribe(connector_, names, 1), 0);
     }
     void TearDown() override {
-        DeviceSyncTest::TearDown();
         nkex_uninit(connector_);
+        DeviceSyncTest::TearDown();
     }
     // With nothing scripted, every page asked for comes back full.
     static void answer(const Message* m, void* context) {
@@ -140,33 +122,13 @@ class EmulatedCloudTest : public DeviceSyncTest {
 protected:
     void SetUp() override {
         DeviceSyncTest::SetUp();
-        ASSERT_TRUE(
-            cloud_.start({NK_CLOUD_EMU_BIN, "-f", "--log-level", "3", "--db", db_, "serve"}));
-        ASSERT_TRUE(cloud_.wait_for_line("cloud ready"));
+        ASSERT_TRUE(cloud_.start());
         g_device_id = nk::setMgmt::getKeyValue("/daemons/nkcloudd/device_id", "");
     }
-    void TearDown() override {
-        cloud_.stop(SIGTERM);
-        DeviceSyncTest::TearDown();
-    }
 
-    // An operator command; its first output line.
-    std::string emu(const std::string& args) {
-        std::string out;
-        const std::string command = fmt::format("{} --db {} {}", NK_CLOUD_EMU_BIN, db_, args);
-        EXPECT_EQ(nk::test::run_command(command, &out), 0) << args;
-        return out.substr(0, out.find('\n'));
-    }
-
-    // Requests of a command seen by the cloud; once a later marker request shows in its log,
-    // every line before it has been read.
+    std::string emu(const std::string& args) { return cloud_.emu(args); }
     int requests_seen(const std::string& command) {
-        const std::string probe = fmt::format("probe-{}", ++probes_);
-        const nk::json_ptr body(json_pack("{s:s}", "probe", probe.c_str()));
-        nk::json_ptr answer;
-        cloud_request("cloud::connect/box_mgmt/probe", body.get(), &answer);
-        EXPECT_TRUE(cloud_.wait_for_line('"' + probe + '"'));
-        return cloud_.count_lines("request " + command + " id=");
+        return cloud_.requests_seen(command, nk::test::send_probe);
     }
 
     // This BOX reports the device onbox, with one address listed and another given alone.
@@ -178,9 +140,7 @@ protected:
         ASSERT_TRUE(cloud_request(kCloudSetDeviceOnbox, body.get(), &answer));
     }
 
-    const std::string db_ = dir_ / "cloud.db";
-    nk::test::DaemonProcess cloud_;
-    int probes_ = 0;
+    nk::test::EmulatedCloud cloud_{dir_ / "cloud.db"};
 };
 
 TEST_F(EmulatedCloudTest, EveryPageIsFetchedOnceAndEveryDeviceLoaded) {

@@ -11,9 +11,9 @@
 #include <nk/nkerrno.h>
 #include <nk/setmgmt.h>
 
+#include "daemon_fixture.h"
 #include "globals.h"
 #include "stderr_capture.h"
-#include "temp_dir.h"
 
 namespace {
 
@@ -53,13 +53,8 @@ TEST(CloudData, EqualityComparesEveryBitOfCreated) {
     EXPECT_NE(high, CloudData());
 }
 
-class DeviceKeyTest : public ::testing::Test {
+class DeviceKeyTest : public nk::test::SettingsTest {
 protected:
-    void SetUp() override { ASSERT_EQ(nk::setMgmt::init(), 0); }
-    void TearDown() override { nk::setMgmt::uninit(); }
-
-    nk::test::TempDir dir_;
-    nk::test::ScopedEnv env_{"NK_SETTINGS_DIR", dir_.path()};
     Device device_ = device("dev1", kMac1, "10.0.0.1");
 };
 

@@ -1,13 +1,13 @@
 // The queue processors on a real broker, settings store and device table, with a scripted
 // cloud: answers to device-id requests, registration in the same pass, removals before
-// additions, cached additional info, and when service information is due.
-#include <fcntl.h>
-#include <unistd.h>
-
+// additions, cached additional info, and when service information is due
+// (data/service_info_due.jsonl).
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <deque>
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -16,23 +16,23 @@
 
 #include "additional_info.h"
 #include "cloud_request.h"
+#include "daemon_fixture.h"
 #include "event_processors.h"
 #include "network_info.h"
 #include "nkex_callbacks.h"
 #include "queue_limits.h"
 #include "rotated_macs.h"
-#include "scripted_cloud.h"
 #include "service_info.h"
 #include "stderr_capture.h"
 #include "storage_helpers.h"
 #include "subprocess_messages.h"
+#include "test_data.h"
 #include "utils.h"
 #include "wait.h"
 #include "waiting_answers.h"
 
 namespace {
 
-const char* const kBoxMac = "02:00:00:00:00:fe";
 const macaddr kKnown("a4:5e:60:c2:1f:0b");
 const macaddr kUnknown("a4:5e:60:c2:1f:0c");
 
@@ -42,23 +42,11 @@ struct Asked {
     std::string answer;
 };
 
-class EventProcessorsTest : public nk::test::CloudTest {
+class EventProcessorsTest : public nk::test::EventLoopTest {
 protected:
     void SetUp() override {
-        CloudTest::SetUp();
-        ASSERT_EQ(::pipe2(g_event_pipe, O_CLOEXEC | O_NONBLOCK), 0);
-        {
-            const std::lock_guard lock(g_interfaces_mutex);
-            nk::netMgmt::Interface lan("br-lan", nk::netMgmt::LAN, false);
-            lan.mac = macaddr(kBoxMac);
-            lan.ipv4.emplace(address("192.168.1.1"), address("255.255.255.0"));
-            g_interfaces = {lan};
-        }
-        // The daemon's connection, serving its events as in the daemon.
-        nkex_uninit(g_nkex);
-        ASSERT_NE(g_nkex = nkex_init("nkdevicediscovery", nkex_msg_callback, nullptr, 1), nullptr);
-        ASSERT_EQ(nkex_subscribe(g_nkex, kSubscribedEvents.data(), kSubscribedEvents.size()), 0);
-        ASSERT_NE(asker_ = nkex_init("asker", notice, this, 1), nullptr);
+        EventLoopTest::SetUp();
+        ASSERT_NE(asker_ = nkex_init("asker", nk::test::Inbox::collect, &notices_, 1), nullptr);
         const char* notices[] = {"permanent_device_id"};
         ASSERT_EQ(nkex_subscribe(asker_, notices, 1), 0);
         // A device the cloud knows, as a load leaves it.
@@ -68,17 +56,9 @@ protected:
     }
     void TearDown() override {
         nkex_uninit(asker_);
-        ::close(g_event_pipe[0]);
-        ::close(g_event_pipe[1]);
-        g_event_pipe[0] = g_event_pipe[1] = -1;
-        CloudTest::TearDown();
+        EventLoopTest::TearDown();
     }
 
-    static void notice(const Message* m, void* context) {
-        auto* self = static_cast<EventProcessorsTest*>(context);
-        const std::lock_guard lock(self->mutex_);
-        self->notices_.emplace_back(m->data ? m->data : "", m->length);
-    }
     static void answered(void* context, const Message* response) {
         auto* asked = static_cast<Asked*>(context);
         asked->answer.assign(response->data ? response->data : "", response->length);
@@ -97,9 +77,16 @@ protected:
         const std::lock_guard lock(g_devid_requests_mutex);
         return g_devid_requests.size();
     }
-    std::vector<std::string> notices() {
-        const std::lock_guard lock(mutex_);
-        return notices_;
+    // The device each request of a command was for.
+    std::vector<std::string> ids_of(const std::string& command) {
+        std::vector<std::string> ids;
+        for (const auto& [name, body] : cloud_.sent()) {
+            const nk::json_ptr root(json_loads(body.c_str(), 0, nullptr));
+            if (name == command)
+                ids.push_back(nk::json_string_member(
+                    json_object_get(root.get(), "connect_destination"), "device_id"));
+        }
+        return ids;
     }
     std::size_t sent_of(const std::string& command) {
         std::size_t n = 0;
@@ -110,8 +97,7 @@ protected:
 
     nkex_handle* asker_ = nullptr;
     std::deque<Asked> asked_;  // stable addresses for the callbacks
-    std::mutex mutex_;
-    std::vector<std::string> notices_;
+    nk::test::Inbox notices_;
 };
 
 std::string answer_of(const std::string& mac, const std::string& id) {
@@ -156,8 +142,9 @@ TEST_F(EventProcessorsTest, EveryRequestIsAnsweredAfterTheFirstLeasesAndUnknownM
     EXPECT_EQ(find_device_by_mac(kUnknown)->cloud.device_id, "d-1");
     EXPECT_TRUE(g_pending_devices.empty());
     EXPECT_EQ(sent_of("connect_device"), 1u);
-    ASSERT_TRUE(nk::test::wait_until([&] { return !notices().empty(); }));
-    EXPECT_EQ(notices()[0],
+    ASSERT_TRUE(
+        nk::test::wait_until([&] { return notices_.find("permanent_device_id").has_value(); }));
+    EXPECT_EQ(notices_.find("permanent_device_id"),
               fmt::format(R"({{"temp_device_id": "{}", "cloud_device_id": "d-1"}})", temporary));
 }
 
@@ -280,17 +267,8 @@ TEST_F(EventProcessorsTest, InfoRefusedUnderTheTemporaryIdIsResubmittedAtRegistr
     process_event_pipe();
     ASSERT_TRUE(nk::test::wait_until([&] { return sent_of("set_device_additional_info") == 2; }));
     ASSERT_TRUE(nk::test::wait_until([&] { return sent_of("set_device_type") == 2; }));
-    const auto requests = cloud_.sent();
-    for (const char* command : {"set_device_type", "set_device_additional_info"}) {
-        std::vector<std::string> ids;
-        for (const auto& [name, body] : requests) {
-            const nk::json_ptr root(json_loads(body.c_str(), 0, nullptr));
-            if (name == command)
-                ids.push_back(json_string_value(json_object_get(
-                    json_object_get(root.get(), "connect_destination"), "device_id")));
-        }
-        EXPECT_EQ(ids, (std::vector<std::string>{temporary, "d-1"})) << command;
-    }
+    for (const char* command : {"set_device_type", "set_device_additional_info"})
+        EXPECT_EQ(ids_of(command), (std::vector<std::string>{temporary, "d-1"})) << command;
 }
 
 // A phone that took a random MAC sends its DHCP messages before the leases say whose MAC it is:
@@ -309,16 +287,6 @@ TEST_F(EventProcessorsTest, WhatARotatedMacSendsReachesTheDeviceItWas) {
         dhcp.fingerprint.option_list = options;
         const std::lock_guard lock(g_dhcp_results_mutex);
         g_dhcp_results.push_back(dhcp);
-    };
-    const auto ids_of = [&](const char* command) {
-        std::vector<std::string> ids;
-        for (const auto& [name, body] : cloud_.sent()) {
-            const nk::json_ptr root(json_loads(body.c_str(), 0, nullptr));
-            if (name == command)
-                ids.push_back(json_string_value(json_object_get(
-                    json_object_get(root.get(), "connect_destination"), "device_id")));
-        }
-        return ids;
     };
     queue(rotated, "1,3,6");
     queue(stranger, "1,3,15");
@@ -349,54 +317,33 @@ TEST_F(EventProcessorsTest, WhatARotatedMacSendsReachesTheDeviceItWas) {
 
 TEST_F(EventProcessorsTest, ServiceInformationIsSentWhenDue) {
     using nk::avahi::AvahiInfo;
-    const AvahiInfo printer{"_ipp._tcp", "printer", "", 631};
-    const AvahiInfo printer_moved{"_ipp._tcp", "printer-2", "", 632};  // same service name
-    const AvahiInfo web{"_http._tcp", "printer", "", 80};
+    // The moved printer keeps the service name: the same service to the cloud.
+    const std::map<std::string, AvahiInfo> services = {
+        {"printer", {"_ipp._tcp", "printer", "", 631}},
+        {"printer_moved", {"_ipp._tcp", "printer-2", "", 632}},
+        {"web", {"_http._tcp", "printer", "", 80}}};
+    const auto set_of = [&](const json_t* row, const char* key) {
+        std::set<AvahiInfo> out;
+        for (const std::string& name : nk::test::strs(row, key))
+            out.insert(services.at(name));
+        return out;
+    };
     g_avahi_submission_interval = 600;
-    struct Case {
-        const char* name;
-        std::time_t last;
-        std::set<AvahiInfo> current, kept;
-        bool pending;
-        int cloud_status;  // of set_device_additional_info
-        bool sent;
-        std::time_t last_after;
-        bool pending_after;
-    };
-    const Case cases[] = {
-        {"first, differs from the kept set",
-         0,
-         {printer, web},
-         {printer},
-         true,
-         0,
-         true,
-         1000,
-         false},
-        {"first, same service names as kept",
-         0,
-         {printer_moved},
-         {printer},
-         true,
-         0,
-         false,
-         0,
-         true},
-        {"empty set", 0, {}, {printer}, true, 0, false, 0, true},
-        {"nothing new", 0, {printer, web}, {}, false, 0, false, 0, false},
-        {"interval not over", 401, {printer}, {}, true, 0, false, 401, true},
-        {"interval over", 400, {printer}, {}, true, 0, true, 1000, false},
-        {"failed, offered again later", 400, {printer}, {}, true, 3, true, 400, true},
-    };
-    for (const Case& c : cases) {
-        cloud_.set("set_device_additional_info", R"({"result": {}})", c.cloud_status);
-        AdditionalInfoCache<AvahiInfo>& cache = g_devices[0].local.avahi_info;
-        cache = {c.last, c.current, c.kept, c.pending};
+    for (const nk::json_ptr& row : nk::test::rows("service_info_due")) {
+        const json_t* c = row.get();
+        SCOPED_TRACE(nk::test::str(c, "what"));
+        cloud_.set("set_device_additional_info", R"({"result": {}})",
+                   static_cast<int>(nk::test::num(c, "cloud_status")));
+        g_devices[0].local.avahi_info = {static_cast<std::time_t>(nk::test::num(c, "last")),
+                                         set_of(c, "current"), set_of(c, "kept"),
+                                         nk::test::flag(c, "pending")};
         const std::size_t before = sent_of("set_device_additional_info");
         process_avahi_services();
-        EXPECT_EQ(sent_of("set_device_additional_info") - before, c.sent ? 1u : 0u) << c.name;
-        EXPECT_EQ(g_devices[0].local.avahi_info.last_submission, c.last_after) << c.name;
-        EXPECT_EQ(g_devices[0].local.avahi_info.pending, c.pending_after) << c.name;
+        EXPECT_EQ(sent_of("set_device_additional_info") - before,
+                  nk::test::flag(c, "sent") ? 1u : 0u);
+        const AdditionalInfoCache<AvahiInfo>& after = g_devices[0].local.avahi_info;
+        EXPECT_EQ(after.last_submission, nk::test::num(c, "last_after"));
+        EXPECT_EQ(after.pending, nk::test::flag(c, "pending_after"));
     }
 }
 

@@ -6,27 +6,24 @@
 #include <nk/featureutl.h>
 #include <nk/setmgmt.h>
 
-#include "temp_dir.h"
+#include "daemon_fixture.h"
 
 namespace {
 
-class GlobalsTest : public ::testing::Test {
+class GlobalsTest : public nk::test::SettingsTest {
 protected:
     void SetUp() override {
-        ASSERT_EQ(nk::setMgmt::init(), 0);
+        SettingsTest::SetUp();
         ASSERT_EQ(nk::featureutl::init(), 0);
     }
     void TearDown() override {
         uninit_globals();
         nk::featureutl::uninit();
-        nk::setMgmt::uninit();
+        SettingsTest::TearDown();
     }
     void set(const std::string& key, const std::string& value) {
         ASSERT_EQ(nk::setMgmt::setKey(key, value), 0);
     }
-
-    nk::test::TempDir dir_;
-    nk::test::ScopedEnv env_{"NK_SETTINGS_DIR", dir_.path()};
 };
 
 TEST_F(GlobalsTest, StoreValuesOverrideDefaults) {
@@ -41,7 +38,6 @@ TEST_F(GlobalsTest, StoreValuesOverrideDefaults) {
     EXPECT_EQ(g_retry_interval["default"], 7);
     EXPECT_EQ(g_retry_interval["update_box_detected_name"], 90);
     EXPECT_EQ(g_retry_interval["subprocess_respawn_retries"], 2);
-    EXPECT_EQ(g_retry_interval["send_onbox_to_cloud"], 30);
     EXPECT_EQ(g_avahi_max_cache_size, 3);
     EXPECT_EQ(g_sync_poll_interval, 15);
     EXPECT_EQ(g_device_id, "box-1");

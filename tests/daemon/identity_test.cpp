@@ -14,37 +14,14 @@
 #include <nk/log.h>
 #include <nk/setmgmt.h>
 
+#include "daemon_fixture.h"
 #include "globals.h"
 #include "stderr_capture.h"
 #include "storage_helpers.h"
-#include "temp_dir.h"
-#include "test_broker.h"
 #include "utils.h"
 #include "wait.h"
 
 namespace {
-
-using Event = std::pair<std::string, std::string>;  // name, payload
-
-struct Inbox {
-    std::mutex mutex;
-    std::vector<Event> events;
-
-    std::optional<Event> find(const std::string& name) {
-        const std::lock_guard lock(mutex);
-        for (const Event& e : events) {
-            if (e.first == name)
-                return e;
-        }
-        return std::nullopt;
-    }
-};
-
-void collect(const Message* m, void* context) {
-    auto* inbox = static_cast<Inbox*>(context);
-    const std::lock_guard lock(inbox->mutex);
-    inbox->events.emplace_back(m->name, std::string(m->data ? m->data : "", m->length));
-}
 
 macaddr nth_mac(int n) {
     return macaddr(std::array<std::uint8_t, 6>{0x02, 0, 0, 0, static_cast<std::uint8_t>(n >> 8),
@@ -55,27 +32,21 @@ std::string temporary_id(int n) {
     return fmt::format("00000000-0000-0000-0000-{:012d}", n);
 }
 
-class IdentityTest : public ::testing::Test {
+class IdentityTest : public nk::test::StoreTest {
 protected:
+    IdentityTest() : StoreTest("2000") {}
     void SetUp() override {
-        ASSERT_TRUE(broker_.start());
-        ASSERT_NE(g_nkex = nkex_init("nkdevicediscovery", nullptr, nullptr, 1), nullptr);
-        peer_ = nkex_init("listener", collect, &inbox_, 1);
-        ASSERT_NE(peer_, nullptr);
+        StoreTest::SetUp();
+        ASSERT_NE(peer_ = nkex_init("listener", nk::test::Inbox::collect, &inbox_, 1), nullptr);
         const char* events[] = {"permanent_device_id", "clear_device_id_cache"};
         ASSERT_EQ(nkex_subscribe(peer_, events, 2), 0);
     }
     void TearDown() override {
         nkex_uninit(peer_);
-        nkex_uninit(g_nkex);
-        g_nkex = nullptr;
+        StoreTest::TearDown();
     }
 
-    nk::test::TempDir dir_;
-    nk::test::TestBroker broker_{dir_.path()};
-    nk::test::ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
-    nk::test::ScopedEnv timeout_env_{"NKEX_TIMEOUT_MS", "2000"};
-    Inbox inbox_;
+    nk::test::Inbox inbox_;
     nkex_handle* peer_ = nullptr;
 };
 
@@ -106,16 +77,13 @@ TEST_F(IdentityTest, NumberingRestartsPastTheMaximumAndListenersAreTold) {
     EXPECT_EQ(get_device_id(nth_mac(kMax + 1)), temporary_id(1));
     ASSERT_TRUE(
         nk::test::wait_until([&] { return inbox_.find("clear_device_id_cache").has_value(); }));
-    EXPECT_EQ(inbox_.find("clear_device_id_cache")->second, "");
+    EXPECT_EQ(inbox_.find("clear_device_id_cache"), "");
     EXPECT_EQ(g_temporary_device_ids.size(), 1u);
     EXPECT_EQ(get_device_id(nth_mac(1)), temporary_id(2)) << "old ids were forgotten";
 }
 
 // Whoever hears that a temporary id became a cloud id must find that device stored.
 TEST_F(IdentityTest, AConfirmedMacIsAnnouncedOnlyOnceItsDeviceIsStoredAndUnlocked) {
-    nk::test::ScopedEnv settings("NK_SETTINGS_DIR", dir_ / "settings");
-    nk::test::ScopedEnv table("NK_DEVMGMT_DIR", dir_ / "devmgmt");
-    ASSERT_EQ(nk::setMgmt::init(), 0);
     const macaddr mac = nth_mac(5);
     const std::string temporary = get_device_id(mac);
     Device device;
@@ -134,11 +102,9 @@ TEST_F(IdentityTest, AConfirmedMacIsAnnouncedOnlyOnceItsDeviceIsStoredAndUnlocke
     device.unlock_device_key();
     ASSERT_TRUE(
         nk::test::wait_until([&] { return inbox_.find("permanent_device_id").has_value(); }));
-    EXPECT_EQ(inbox_.find("permanent_device_id")->second,
+    EXPECT_EQ(inbox_.find("permanent_device_id"),
               R"({"temp_device_id": ")" + temporary + R"(", "cloud_device_id": "cloud-9"})");
     EXPECT_EQ(g_temporary_device_ids.count(mac_key(mac)), 0u);
-    nk::devMgmt::close_table();
-    nk::setMgmt::uninit();
 }
 
 TEST(RealMac, FakeMacIsReplacedOnlyWhenItsIpMatches) {

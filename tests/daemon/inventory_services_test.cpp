@@ -8,21 +8,16 @@
 #include <nk/constants.h>
 #include <nk/setmgmt.h>
 
+#include "daemon_fixture.h"
 #include "globals.h"
 #include "stderr_capture.h"
-#include "temp_dir.h"
 #include "utils.h"
 
 namespace {
 
-class IgnoredMacsTest : public ::testing::Test {
+class IgnoredMacsTest : public nk::test::SettingsTest {
 protected:
-    void SetUp() override { ASSERT_EQ(nk::setMgmt::init(), 0); }
-    void TearDown() override { nk::setMgmt::uninit(); }
-
     const std::string key_{nk::kDiscoveryIgnoredMacsKey};
-    nk::test::TempDir dir_;
-    nk::test::ScopedEnv env_{"NK_SETTINGS_DIR", dir_.path()};
 };
 
 TEST_F(IgnoredMacsTest, EveryListIsSplitAtCommasIntoOneSet) {

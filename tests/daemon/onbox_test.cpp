@@ -4,9 +4,10 @@
 #include <nk/json.h>
 #include <nk/setmgmt.h>
 
+#include "daemon_fixture.h"
 #include "device.h"
-#include "scripted_cloud.h"
 #include "stderr_capture.h"
+#include "test_data.h"
 #include "wait.h"
 
 namespace {
@@ -36,37 +37,15 @@ Device pending(int onbox, const std::string& box_device_id) {
     return device;
 }
 
-bool same_json(const std::string& a, const char* b) {
-    const nk::json_ptr x(json_loads(a.c_str(), 0, nullptr));
-    const nk::json_ptr y(json_loads(b, 0, nullptr));
-    return x && y && json_equal(x.get(), y.get());
-}
-
+// The rows: data/onbox_reports.jsonl; a null body is never reported.
 TEST_F(OnboxTest, WhatIsReportedAndWhatASuccessChanges) {
-    struct Case {
-        int onbox;
-        const char* box_device_id;
-        bool with_addresses;
-        const char* body;  // null: never reported
-        const char* box_after;
-    };
-    for (const Case& c : {
-             Case{1, "box-2", false,
-                  R"({"connect_destination": {"device_id": "d-1"}, "onbox": 1, "network": 0,
-                      "ip_list": {}})",
-                  "box-1"},
-             Case{1, "box-1", true,
-                  R"({"connect_destination": {"device_id": "d-1"}, "onbox": 1, "network": 1,
-                      "ip_list": {"a4:5e:60:c2:1f:0b": {"ipv4": ["192.168.1.20"],
-                                                         "ipv6": ["2001:db8::5"]}},
-                      "ip": "192.168.1.20"})",
-                  "box-1"},
-             Case{0, "box-1", true, R"({"connect_destination": {"device_id": "d-1"}, "onbox": 0})",
-                  "box-1"},
-             Case{0, "box-2", false, nullptr, "box-2"},  // another BOX's device
-         }) {
-        Device device = pending(c.onbox, c.box_device_id);
-        if (c.with_addresses) {
+    for (const nk::json_ptr& row : nk::test::rows("onbox_reports")) {
+        const json_t* c = row.get();
+        const json_t* body = json_object_get(c, "body");
+        SCOPED_TRACE(nk::json_dump_compact(c));
+        Device device =
+            pending(static_cast<int>(nk::test::num(c, "onbox")), nk::test::str(c, "box_device_id"));
+        if (nk::test::flag(c, "with_addresses")) {
             device.cloud.onguest = 1;
             for (const char* ip : {"192.168.1.20", "fe80::1", "2001:db8::5"})
                 device.local.macips.add_ip(kMac, address(ip));
@@ -76,14 +55,15 @@ TEST_F(OnboxTest, WhatIsReportedAndWhatASuccessChanges) {
 
         device.handle_onbox_info();
 
-        const std::string what = c.body ? c.body : "not reported";
-        ASSERT_EQ(sent(), before + (c.body ? 1 : 0)) << what;
-        if (c.body) {
-            EXPECT_TRUE(same_json(cloud_.sent().back().second, c.body)) << what;
+        ASSERT_EQ(sent(), before + (json_is_null(body) ? 0 : 1));
+        if (!json_is_null(body)) {
+            const nk::json_ptr sent_body(
+                json_loads(cloud_.sent().back().second.c_str(), 0, nullptr));
+            EXPECT_TRUE(json_equal(sent_body.get(), body)) << cloud_.sent().back().second;
         }
-        EXPECT_FALSE(device.local.onbox_info.to_send) << what;
-        EXPECT_EQ(device.cloud.box_device_id, c.box_after) << what;
-        EXPECT_EQ(nk::setMgmt::getKeyValue("/devices/d-1", "absent"), "1") << what;
+        EXPECT_FALSE(device.local.onbox_info.to_send);
+        EXPECT_EQ(device.cloud.box_device_id, nk::test::str(c, "box_after"));
+        EXPECT_EQ(nk::setMgmt::getKeyValue("/devices/d-1", "absent"), "1");
         nk::setMgmt::deleteKey("/devices/d-1");
     }
 }

@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "daemon_fixture.h"
 #include "device.h"
-#include "scripted_cloud.h"
 #include "storage_helpers.h"
 #include "utils.h"
 

@@ -6,8 +6,8 @@
 #include <nk/devmgmt.h>
 #include <nk/setmgmt.h>
 
+#include "daemon_fixture.h"
 #include "stderr_capture.h"
-#include "temp_dir.h"
 
 namespace {
 
@@ -15,13 +15,8 @@ using nk::test::ScopedEnv;
 
 const macaddr kMac("02:00:00:00:00:01");
 
-class StorageTest : public ::testing::Test {
+class StorageTest : public nk::test::SettingsTest {
 protected:
-    void SetUp() override { ASSERT_EQ(nk::setMgmt::init(), 0); }
-    void TearDown() override {
-        nk::devMgmt::close_table();
-        nk::setMgmt::uninit();
-    }
     static std::string marker(const std::string& id) {
         return nk::setMgmt::getKeyValue("/devices/" + id, "absent");
     }
@@ -31,10 +26,6 @@ protected:
         d.cloud.device_id = id;
         return d;
     }
-
-    nk::test::TempDir dir_;
-    ScopedEnv settings_{"NK_SETTINGS_DIR", dir_ / "settings"};
-    ScopedEnv table_{"NK_DEVMGMT_DIR", dir_ / "devmgmt"};
 };
 
 TEST_F(StorageTest, RoundTripKeepsWhatTheRecordCarriesAndDropsTheRest) {

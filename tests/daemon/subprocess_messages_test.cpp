@@ -11,9 +11,9 @@
 #include <nk/setmgmt.h>
 #include <nk/util.h>
 
+#include "daemon_fixture.h"
 #include "device.h"
 #include "network_info.h"
-#include "scripted_cloud.h"
 #include "subprocess_messages.h"
 #include "utils.h"
 #include "wait.h"
