@@ -11,15 +11,7 @@
 
 namespace nk::test {
 
-inline std::string data_dir() {
-#ifdef NK_DAEMON_DATA_DIR
-    return NK_DAEMON_DATA_DIR;
-#else
-    // Built outside the tests (the benchmarks): beside this header.
-    const std::string here = __FILE__;
-    return here.substr(0, here.rfind('/') + 1) + "data";
-#endif
-}
+inline std::string data_dir() { return NK_DAEMON_DATA_DIR; }
 
 inline std::vector<nk::json_ptr> rows(const std::string& name) {
     std::ifstream in(data_dir() + "/" + name + ".jsonl");
