@@ -164,8 +164,7 @@ TEST_F(SimulatedLanTest, EveryClientIsDiscoveredFollowedAndKeptWhenItRotatesItsM
     const std::string fake = client_mac("phone");
     ASSERT_TRUE(daemon_.wait_for_line(R"("fake_mac":")" + fake + R"(")", 30s));
     // The message is traced before it is applied.
-    EXPECT_TRUE(
-        nk::test::wait_until([&] { return discovered(kClients[2], macs["phone"]); }, 10s));
+    EXPECT_TRUE(nk::test::wait_until([&] { return discovered(kClients[2], macs["phone"]); }, 10s));
     EXPECT_FALSE(record_of(macaddr(fake)).has_value());
 
     // A client that leaves goes offline; one that joins appears.
