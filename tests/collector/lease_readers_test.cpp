@@ -1,10 +1,7 @@
 // The lease-file readers on files written by the real servers (dnsmasq on the simulated LAN, ISC
 // dhcpd with dhclient and udhcpc clients), on every prefix of them, and on damaged ones.
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
-#include <ctime>
 #include <fstream>
 #include <map>
 #include <set>
@@ -39,35 +36,21 @@ std::set<std::string> shown(const LeaseFile& file) {
 }
 
 // Runs the lease script as dnsmasq does: the action and the client in its arguments, the rest
-// in its environment.
-int run_lease_script(std::vector<std::string> args, std::vector<std::string> env) {
-    args.insert(args.begin(), NK_LEASE_SCRIPT);
-    env.push_back("PATH=/usr/bin:/bin");
-    const auto pointers = [](std::vector<std::string>& strings) {
-        std::vector<char*> out;
-        for (std::string& s : strings)
-            out.push_back(s.data());
-        out.push_back(nullptr);
-        return out;
+// in an environment of its own.
+int run_lease_script(const std::vector<std::string>& args, const std::vector<std::string>& env) {
+    const auto quoted = [](const std::string& text) {
+        std::string out = " '";
+        for (const char c : text)
+            out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        return out + "'";
     };
-    std::vector<char*> argv = pointers(args);
-    std::vector<char*> envp = pointers(env);
-    pid_t pid = 0;
-    if (::posix_spawn(&pid, NK_LEASE_SCRIPT, nullptr, nullptr, argv.data(), envp.data()) != 0)
-        return -1;
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-std::time_t utc(int y, int mo, int d, int h, int mi) {
-    std::tm tm{};
-    tm.tm_year = y - 1900;
-    tm.tm_mon = mo - 1;
-    tm.tm_mday = d;
-    tm.tm_hour = h;
-    tm.tm_min = mi;
-    return ::timegm(&tm);
+    std::string command = "env -i PATH=/usr/bin:/bin";
+    for (const std::string& e : env)
+        command += quoted(e);
+    command += " " NK_LEASE_SCRIPT;
+    for (const std::string& a : args)
+        command += quoted(a);
+    return nk::test::run_command(command);
 }
 
 TEST(LeaseReaders, RealFiles) {
@@ -90,9 +73,9 @@ TEST(LeaseReaders, RealFiles) {
          {"00:00:5e:00:53:9d 198.51.100.148 tv", "02:45:57:de:3b:da 198.51.100.180 phone"}},
         // The journal's last block of .102 is the client's new MAC; .100 was released.
         {isc,
-         utc(2026, 11, 23, 4, 30),
+         1795408200 /* 2026-11-23 04:30 */,
          {"00:00:5e:00:53:22 198.51.100.101 printer", "02:5e:10:77:42:9a 198.51.100.102 phone"}},
-        {isc, utc(2026, 11, 23, 5, 21), {}},
+        {isc, 1795411260 /* 05:21 */, {}},
     };
     for (const auto& c : cases) {
         const LeaseFile file = read_lease_text(c.text, c.now);
@@ -108,7 +91,7 @@ TEST(LeaseReaders, RealFiles) {
     EXPECT_EQ(duid_mac(leases.leases[4].client_id), nk::sockutl::macaddr("00:00:5e:00:53:3a"));
     EXPECT_EQ(duid_mac(leases.leases[5].client_id), nk::sockutl::macaddr("00:00:5e:00:53:d7"));
     EXPECT_TRUE(leases.leases[3].client_id.empty());
-    const LeaseFile journal = read_isc_leases(isc, utc(2026, 11, 23, 4, 30));
+    const LeaseFile journal = read_isc_leases(isc, 1795408200 /* 2026-11-23 04:30 */);
     EXPECT_EQ(journal.leases[1].client_id, std::string("\xff\0\0\0\x01\0\x03\0\x01\0\0", 11));
 }
 

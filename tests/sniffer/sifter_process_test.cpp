@@ -124,19 +124,13 @@ TEST_F(SifterLanTest, DhcpAndUserAgentsOfARealClientReachTheBus) {
     const nk::json_ptr dhcp = std::move(subscriber_.events("sifter_dhcp_payload", mac).front());
     EXPECT_STREQ(nk::json_string_member(dhcp.get(), "netif"), "br-lan");
     EXPECT_STREQ(nk::json_string_member(dhcp.get(), "source_mac"), mac.c_str());
+    // The first is a DISCOVER (v4) or a SOLICIT (v6): none was held back. What the decoder makes
+    // of each message is checked on captured frames.
     const auto udp = nk::base64_decode(nk::json_string_member(dhcp.get(), "raw_payload"));
     ASSERT_TRUE(udp && udp->size() > 8);
-    // Its first message is a DISCOVER (v4) or a SOLICIT (v6), from the client's port.
-    const int version = json_integer_value(json_object_get(dhcp.get(), "version"));
-    if (version == 4) {
-        ASSERT_GT(udp->size(), 8u + 240u);
-        EXPECT_EQ(udp->substr(0, 4), std::string("\x00\x44\x00\x43", 4));
-        EXPECT_NE(udp->find(std::string("\x35\x01\x01", 3), 8 + 240), std::string::npos);
-    } else {
-        EXPECT_EQ(version, 6);
-        EXPECT_EQ(udp->substr(0, 4), std::string("\x02\x22\x02\x23", 4));
-        EXPECT_EQ((*udp)[8], 1);
-    }
+    EXPECT_TRUE(json_integer_value(json_object_get(dhcp.get(), "version")) == 4
+                    ? udp->find(std::string("\x35\x01\x01", 3), 8 + 240) != std::string::npos
+                    : (*udp)[8] == 1);
 
     // The same agent twice within the minute is one event; the next agent shows both went by.
     // Once the laptop has its address and route, that is.
