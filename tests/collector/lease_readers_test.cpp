@@ -5,6 +5,7 @@
 #include <fstream>
 #include <map>
 #include <set>
+#include <sstream>
 #include <string>
 
 #include <nk/json.h>
@@ -54,44 +55,25 @@ int run_lease_script(const std::vector<std::string>& args, const std::vector<std
 }
 
 TEST(LeaseReaders, RealFiles) {
-    const std::string dnsmasq = data("dnsmasq.leases");
-    const std::string isc = data("dhcpd.leases");
-    // read_lease_text finds each format by itself.
-    const struct {
-        const std::string& text;
-        std::time_t now;
+    for (const auto& row : nk::test::read_table(NK_COLLECTOR_DATA "/real_leases.tsv")) {
         std::set<std::string> leases;
-    } cases[] = {
-        {dnsmasq,
-         1795400000,
-         {"00:00:5e:00:53:9d 198.51.100.148 tv", "00:00:5e:00:53:d7 192.0.2.106 visitor",
-          "02:45:57:de:3b:da 198.51.100.180 phone", "00:00:5e:00:53:3a 198.51.100.149 laptop",
-          "- 2001:db8:1::117 laptop", "- 2001:db8:2::16b visitor", "- 2001:db8:1::1ed phone"}},
-        // Leases past their expiry are gone; the server just has not rewritten its file yet.
-        {dnsmasq,
-         1795412250,
-         {"00:00:5e:00:53:9d 198.51.100.148 tv", "02:45:57:de:3b:da 198.51.100.180 phone"}},
-        // The journal's last block of .102 is the client's new MAC; .100 was released.
-        {isc,
-         1795408200 /* 2026-11-23 04:30 */,
-         {"00:00:5e:00:53:22 198.51.100.101 printer", "02:5e:10:77:42:9a 198.51.100.102 phone"}},
-        {isc, 1795411260 /* 05:21 */, {}},
-    };
-    for (const auto& c : cases) {
-        const LeaseFile file = read_lease_text(c.text, c.now);
-        EXPECT_EQ(shown(file), c.leases) << c.now;
-        EXPECT_TRUE(file.problems.empty()) << c.now;
+        std::istringstream listed(row.size() > 2 ? row[2] : "");
+        for (std::string lease; std::getline(listed, lease, ',');)
+            leases.insert(lease.substr(lease.find_first_not_of(' ')));
+        const LeaseFile file = read_lease_text(data(row[0]), std::stol(row[1]));
+        EXPECT_EQ(shown(file), leases) << row[0] << " " << row[1];
+        EXPECT_TRUE(file.problems.empty()) << row[0] << " " << row[1];
         EXPECT_FALSE(file.torn);
     }
 
     // Client identifiers as the servers stored them: a DHCPv6 lease's is the client's DUID.
-    const LeaseFile leases = read_dnsmasq_leases(dnsmasq, 0);
+    const LeaseFile leases = read_dnsmasq_leases(data("dnsmasq.leases"), 0);
     EXPECT_EQ(client_identity(leases.leases[2].client_id),
               client_identity(leases.leases[6].client_id));
     EXPECT_EQ(duid_mac(leases.leases[4].client_id), nk::sockutl::macaddr("00:00:5e:00:53:3a"));
     EXPECT_EQ(duid_mac(leases.leases[5].client_id), nk::sockutl::macaddr("00:00:5e:00:53:d7"));
     EXPECT_TRUE(leases.leases[3].client_id.empty());
-    const LeaseFile journal = read_isc_leases(isc, 1795408200 /* 2026-11-23 04:30 */);
+    const LeaseFile journal = read_isc_leases(data("dhcpd.leases"), 1795408200);
     EXPECT_EQ(journal.leases[1].client_id, std::string("\xff\0\0\0\x01\0\x03\0\x01\0\0", 11));
 }
 
