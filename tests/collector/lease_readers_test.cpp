@@ -8,7 +8,6 @@
 #include <sstream>
 #include <string>
 
-#include <nk/json.h>
 #include <nk/setmgmt.h>
 
 #include "dnsmasq_leases.h"
@@ -147,26 +146,21 @@ TEST(LeaseReaders, LeaseScriptLinesReadBack) {
     const std::string odd = std::string("a\"b\\c\x01\n\xff", 8);
     const std::map<std::string, std::string> values{
         {"mac", mac}, {"odd", odd}, {"long", std::string(255, 'a')}};
-    const auto texts = [&](const json_t* row, const char* key) {
+    // The row's blank-separated words, each expanded.
+    const auto words = [&](const std::string& text) {
         std::vector<std::string> out;
-        for (std::size_t i = 0; i < json_array_size(json_object_get(row, key)); ++i) {
-            const char* text = json_string_value(json_array_get(json_object_get(row, key), i));
-            out.push_back(nk::test::expand(text, values));
-        }
+        std::istringstream in(text);
+        for (std::string word; in >> word;)
+            out.push_back(nk::test::expand(word, values));
         return out;
     };
-    const auto text = [&](const json_t* row, const char* key) {
-        const char* value = nk::json_string_member(row, key);
-        return nk::test::expand(value ? value : "", values);
-    };
-    const nk::json_ptr table = nk::test::load_json(NK_COLLECTOR_DATA "/lease_script.json");
-    const json_t* cases = json_object_get(table.get(), "cases");
-    for (std::size_t i = 0; i < json_array_size(cases); ++i) {
-        const json_t* row = json_array_get(cases, i);
-        SCOPED_TRACE(text(row, "what"));
-        std::vector<std::string> env = texts(row, "env");
+    for (std::vector<std::string> row :
+         nk::test::read_table(NK_COLLECTOR_DATA "/lease_script.tsv")) {
+        row.resize(7);
+        SCOPED_TRACE(row[0]);
+        std::vector<std::string> env = words(row[2]);
         env.push_back("NK_DHCP_EVENTS=" + events);
-        ASSERT_EQ(run_lease_script(texts(row, "args"), env), 0);
+        ASSERT_EQ(run_lease_script(words(row[1]), env), 0);
         std::string written;
         ASSERT_TRUE(read_file(events, written));
         const std::size_t start = written.rfind('\n', written.size() - 2);
@@ -174,13 +168,13 @@ TEST(LeaseReaders, LeaseScriptLinesReadBack) {
         std::string why;
         const std::optional<LeaseEvent> event =
             read_lease_event(last.substr(0, last.size() - 1), why);
-        const bool line = json_is_true(json_object_get(row, "line"));
+        const bool line = row[3] == "yes";
         EXPECT_EQ(log.read(), line);
         if (!line)
             continue;
         ASSERT_TRUE(event) << why << ": " << last;
-        EXPECT_EQ(event->host, text(row, "host"));
-        EXPECT_EQ(event->fingerprint, (DhcpFingerprint{text(row, "options"), text(row, "vendor")}));
+        EXPECT_EQ(event->host, nk::test::expand(row[4], values));
+        EXPECT_EQ(event->fingerprint, (DhcpFingerprint{row[5], nk::test::expand(row[6], values)}));
     }
     const ClientRequest* request = log.request_of(nk::sockutl::macaddr(mac));
     ASSERT_NE(request, nullptr);
