@@ -5,6 +5,7 @@
 #include <linux/neighbour.h>
 
 #include <map>
+#include <sstream>
 #include <string>
 
 #include <nk/json.h>
@@ -15,6 +16,7 @@
 #include "lease.h"
 #include "lease_file.h"
 #include "presence.h"
+#include "tables.h"
 #include "temp_dir.h"
 
 namespace {
@@ -69,21 +71,13 @@ ClientHistory history_of(const json_t* known) {
 }
 
 std::string shown(const Verdict& v) {
-    switch (v.kind) {
-        case Verdict::Kind::Same:
-            return "same " + v.device.to_string();
-        case Verdict::Kind::Wait:
-            return "wait";
-        case Verdict::Kind::New:
-            break;
-    }
-    return "new";
+    return v.kind == Verdict::Kind::Same   ? "same " + v.device.to_string()
+           : v.kind == Verdict::Kind::Wait ? "wait"
+                                           : "new";
 }
 
 TEST(IdentityRules, Table) {
-    const nk::json_ptr table(
-        json_load_file(NK_COLLECTOR_DATA "/identity_rules.json", JSON_REJECT_DUPLICATES, nullptr));
-    ASSERT_TRUE(table);
+    const nk::json_ptr table = nk::test::load_json(NK_COLLECTOR_DATA "/identity_rules.json");
     const ClientHistory history = history_of(json_object_get(table.get(), "known"));
     std::size_t i = 0;
     json_t* row = nullptr;
@@ -108,64 +102,39 @@ TEST(IdentityRules, Table) {
     }
 }
 
-// The phone's MAC at the address it leased, seen at various times relative to the moment a
-// new MAC came.
 TEST(Presence, FromTheNeighbourTableAndTheLeases) {
     using Clock = PresenceCheck::Clock;
     const macaddr phone("00:00:5e:00:53:10");
-    const macaddr other("00:00:5e:00:53:20");
     const Clock::time_point since = Clock::now();
-    const Clock::time_point before = since - std::chrono::seconds(5);
-    const Clock::time_point after = since + std::chrono::seconds(1);
+    const std::map<std::string, Clock::time_point> times{
+        {"before", since - std::chrono::seconds(5)}, {"after", since + std::chrono::seconds(1)}};
+    const std::map<std::string, macaddr> macs{
+        {"phone", phone}, {"other", macaddr("00:00:5e:00:53:20")}, {"none", macaddr()}};
+    const std::map<std::string, int> states{
+        {"reachable", NUD_REACHABLE}, {"stale", NUD_STALE}, {"failed", NUD_FAILED}};
+    const std::map<std::string, Presence> presences{
+        {"here", Presence::Here}, {"unknown", Presence::Unknown}, {"gone", Presence::Gone}};
     const LanInterfaces lans = {{"br-lan",
                                  false,
                                  macaddr("02:00:00:00:01:01"),
                                  {{address("198.51.100.1"), *address::netmask(AF_INET, 24)}}}};
-    const std::vector<Lease> leased = {{phone, address("198.51.100.150"), "", ""}};
-    const auto entry = [](const macaddr& mac, int state, Clock::time_point confirmed,
-                          Clock::time_point updated) {
-        return Neighbour{"br-lan",  address("198.51.100.150"),
-                         mac,       static_cast<std::uint16_t>(state),
-                         confirmed, updated};
-    };
-    const struct {
-        const char* what;
+    for (const auto& row : nk::test::read_table(NK_COLLECTOR_DATA "/presence.tsv")) {
+        SCOPED_TRACE(row[0]);
         std::vector<Lease> leases;
+        if (row[1] == "yes")
+            leases.push_back({phone, address("198.51.100.150"), "", ""});
         std::vector<Neighbour> neighbours;
-        Presence expected;
-        std::size_t probes;
-    } cases[] = {
-        {"confirmed since", leased, {entry(phone, NUD_REACHABLE, after, after)}, Presence::Here, 0},
-        {"reachable, confirmed only before",
-         leased,
-         {entry(phone, NUD_REACHABLE, before, before)},
-         Presence::Unknown,
-         1},
-        {"stale, no lease", {}, {entry(phone, NUD_STALE, before, before)}, Presence::Unknown, 1},
-        {"a lease, no entry", leased, {}, Presence::Unknown, 1},
-        {"failed since", leased, {entry(macaddr(), NUD_FAILED, before, after)}, Presence::Gone, 0},
-        {"failed before",
-         leased,
-         {entry(macaddr(), NUD_FAILED, before, before)},
-         Presence::Unknown,
-         1},
-        {"its address answered by another MAC",
-         leased,
-         {entry(other, NUD_REACHABLE, after, after)},
-         Presence::Gone,
-         0},
-        {"neither lease nor live entry",
-         {},
-         {entry(phone, NUD_FAILED, before, before)},
-         Presence::Gone,
-         0},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+        std::istringstream entry(row[2]);
+        std::string mac, state, confirmed, updated;
+        if (entry >> mac >> state >> confirmed >> updated) {
+            neighbours.push_back({"br-lan", address("198.51.100.150"), macs.at(mac),
+                                  static_cast<std::uint16_t>(states.at(state)), times.at(confirmed),
+                                  times.at(updated)});
+        }
         std::vector<ProbeTarget> probes;
-        const PresenceCheck check(c.neighbours, c.leases, lans);
-        EXPECT_EQ(check.since(phone, since, probes), c.expected);
-        EXPECT_EQ(probes.size(), c.probes);
+        EXPECT_EQ(PresenceCheck(neighbours, leases, lans).since(phone, since, probes),
+                  presences.at(row[3]));
+        EXPECT_EQ(probes.size(), std::stoul(row[4]));
     }
 }
 

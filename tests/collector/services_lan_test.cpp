@@ -3,7 +3,6 @@
 // hostile UPnP peer whose descriptions never come or never end. Needs root.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <csignal>
 #include <fstream>
 #include <string>
@@ -11,6 +10,7 @@
 
 #include "daemon_process.h"
 #include "lan.h"
+#include "tables.h"
 #include "temp_dir.h"
 #include "wait.h"
 
@@ -71,29 +71,13 @@ TEST_F(CollectorServicesLanTest, ReportsWhatThePeersAnnounce) {
              (dir_ / "lan/box-mdns/bus") + " " + NK_NKDEVINFO_BIN + " -internal --settings " +
              (dir_ / "settings") + " --log-level 3 >" + (dir_ / "out")}));
 
-    struct Expected {
-        const char* what;
-        std::vector<std::string> parts;
-    };
-    const Expected expected[] = {
-        {"avahi _http._tcp",
-         {"\"type\":\"avahi\"", "\"" + laptop + "\"", "\"service\":\"_http._tcp\"",
-          "\"hostname\":\"laptop.local\"", "path=/index.html", "\"port\":80"}},
-        {"avahi _ipp._tcp",
-         {"\"type\":\"avahi\"", "\"" + laptop + "\"", "\"service\":\"_ipp._tcp\"",
-          "rp=printers/laptop", "ty=NK Laser 100", "\"port\":631"}},
-        {"upnp minidlna",
-         {"\"type\":\"upnp\"", "\"ip\":\"" + camera + "\"", "\"friendlyName\":\"camera media\"",
-          "\"serialNumber\":\"camera-0001\"",
-          "\"deviceType\":\"urn:schemas-upnp-org:device:"
-          "MediaServer:1\"",
-          "\"user_agent\":\"Debian DLNADOC/1.50 UPnP/1.0 MiniDLNA/1.3.0\""}},
-        {"netbios nmbd",
-         {"\"type\":\"netbios\"", "\"ip\":\"" + laptop + "\"", "\"name\":\"LAPTOP\"",
-          "\"domain\":\"NKHOME\"", "{\"name\":\"LAPTOP\",\"service\":\"file server\"}"}},
-    };
-    for (const Expected& e : expected)
-        EXPECT_TRUE(nk::test::wait_until([&] { return said(e.parts); }, 90s)) << e.what;
+    for (auto row : nk::test::read_table(NK_COLLECTOR_DATA "/services/lan_reports.tsv")) {
+        for (std::string& part : row)
+            part = nk::test::expand(part, {{"laptop", laptop}, {"camera", camera}});
+        EXPECT_TRUE(nk::test::wait_until(
+            [&] { return said(std::vector<std::string>(row.begin() + 1, row.end())); }, 90s))
+            << row[0];
+    }
     EXPECT_TRUE(collector_.wait_for_line(tarpit + ":8080/big.xml skipped: more than 65536", 30s));
     EXPECT_TRUE(collector_.wait_for_line(tarpit + ":8080/slow.xml skipped: Timeout", 30s));
     EXPECT_FALSE(said({"\"ip\":\"" + tarpit + "\""}));

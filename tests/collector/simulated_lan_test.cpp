@@ -130,42 +130,37 @@ TEST_F(SimulatedLanTest, EveryClientIsDiscoveredFollowedAndKeptWhenItRotatesItsM
     // The cloud has each under its host name, with its guest flag and its addresses. They
     // reach it in onbox reports at least 30 s apart: addresses that came in a second lease
     // message arrive with the next report.
-    std::map<std::string, const json_t*> by_name;
-    std::vector<nk::json_ptr> devices;
-    const auto listed_with_addresses = [&] {
-        std::string listed;
-        nk::test::run_command(std::string(NK_CLOUD_EMU_BIN) + " --db " + db_ + " list", &listed);
+    std::string listed;
+    const auto in_cloud = [&](const Client& c) {
         std::istringstream lines(listed);
-        by_name.clear();
-        devices.clear();
         for (std::string line; std::getline(lines, line);) {
-            devices.emplace_back(json_loads(line.c_str(), 0, nullptr));
-            const char* name = nk::json_string_member(devices.back().get(), "box_detected_name");
-            by_name[name ? name : ""] = devices.back().get();
+            const nk::json_ptr d(json_loads(line.c_str(), 0, nullptr));
+            const char* name = nk::json_string_member(d.get(), "box_detected_name");
+            if (name != nullptr && name == c.name) {
+                const std::string mac = macs[c.name].to_string();
+                return json_integer_value(json_object_get(d.get(), "network")) == c.guest &&
+                       json_array_size(nk::json_object_get_recursive(
+                           d.get(), {"ip_list", mac.c_str(), "ipv4"})) == 1;
+            }
         }
-        return std::all_of(std::begin(kClients), std::end(kClients), [&](const Client& c) {
-            return by_name.count(c.name) &&
-                   json_array_size(nk::json_object_get_recursive(
-                       by_name[c.name], {"ip_list", macs[c.name].to_string().c_str(), "ipv4"})) ==
-                       1;
-        });
+        return false;
     };
-    EXPECT_TRUE(nk::test::wait_until(listed_with_addresses, 45s));
-    for (const Client& c : kClients) {
-        ASSERT_EQ(by_name.count(c.name), 1u) << c.name;
-        EXPECT_EQ(json_integer_value(json_object_get(by_name[c.name], "network")), c.guest);
-        const json_t* ips = nk::json_object_get_recursive(
-            by_name[c.name], {"ip_list", macs[c.name].to_string().c_str(), "ipv4"});
-        EXPECT_EQ(json_array_size(ips), 1u) << c.name;
-    }
+    EXPECT_TRUE(nk::test::wait_until(
+        [&] {
+            listed.clear();
+            nk::test::run_command(std::string(NK_CLOUD_EMU_BIN) + " --db " + db_ + " list",
+                                  &listed);
+            return std::all_of(std::begin(kClients), std::end(kClients), in_cloud);
+        },
+        45s))
+        << listed;
 
     // A phone that takes a random MAC stays the device it was.
     ASSERT_EQ(lan_.run("rotate phone"), 0);
     const std::string fake = client_mac("phone");
     ASSERT_TRUE(daemon_.wait_for_line(R"("fake_mac":")" + fake + R"(")", 30s));
     // The message is traced before it is applied.
-    EXPECT_TRUE(
-        nk::test::wait_until([&] { return discovered(kClients[2], macs["phone"]); }, 10s));
+    EXPECT_TRUE(nk::test::wait_until([&] { return discovered(kClients[2], macs["phone"]); }, 10s));
     EXPECT_FALSE(record_of(macaddr(fake)).has_value());
 
     // A client that leaves goes offline; one that joins appears.

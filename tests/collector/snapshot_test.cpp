@@ -12,6 +12,7 @@
 #include <nk/setmgmt.h>
 
 #include "snapshot.h"
+#include "tables.h"
 #include "temp_dir.h"
 
 namespace {
@@ -20,11 +21,7 @@ using namespace nk::collector;
 using nk::sockutl::address;
 using nk::sockutl::macaddr;
 
-const macaddr kLaptop("00:00:5e:00:53:3a");
 const macaddr kPhone("00:00:5e:00:53:59");
-const macaddr kCamera("00:00:5e:00:53:ed");
-const macaddr kTv("00:00:5e:00:53:9d");
-const macaddr kVisitor("00:00:5e:00:53:d7");
 
 std::string bytes(std::initializer_list<int> list) {
     std::string out;
@@ -72,6 +69,38 @@ std::map<std::string, std::string> shown(const Snapshot& s) {
     return out;
 }
 
+// A table of data/: its leases and neighbour entries, and what is to be shown and skipped.
+struct Table {
+    std::vector<Lease> leases;
+    std::vector<Neighbour> neighbours;
+    std::map<std::string, std::string> shown;
+    std::vector<std::string> skipped;
+};
+
+Table table(const std::string& name) {
+    const std::map<std::string, int> states{
+        {"reachable", NUD_REACHABLE}, {"stale", NUD_STALE}, {"failed", NUD_FAILED},
+        {"delay", NUD_DELAY},         {"probe", NUD_PROBE}, {"incomplete", NUD_INCOMPLETE},
+        {"permanent", NUD_PERMANENT}};
+    Table t;
+    for (std::vector<std::string> row : nk::test::read_table(NK_COLLECTOR_DATA "/" + name)) {
+        row.resize(5);
+        if (row[0] == "lease") {
+            const macaddr mac = row[1] == "-" ? macaddr() : macaddr(row[1]);
+            t.leases.push_back(
+                lease(mac, row[2].c_str(), row[3].c_str(), hex_bytes(row[4]).value_or("")));
+        } else if (row[0] == "neighbour") {
+            t.neighbours.push_back(
+                neighbour(row[1].c_str(), row[2].c_str(), macaddr(row[3]), states.at(row[4])));
+        } else if (row[0] == "shown") {
+            t.shown[row[1]] = row[2];
+        } else {
+            t.skipped.push_back(row[1]);
+        }
+    }
+    return t;
+}
+
 class SnapshotTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(nk::setMgmt::init(), 0); }
@@ -83,42 +112,10 @@ protected:
 };
 
 TEST_F(SnapshotTest, LeasesWithTheirInterfacesAndTheNeighbourTablesIpv6Addresses) {
-    const std::string laptop_duid =
-        bytes({0, 1, 0, 1, 0x32, 0x96, 0x7f, 0x6d, 0, 0, 0x5e, 0, 0x53, 0x3a});
-    const std::string enterprise_duid = bytes({0, 2, 0, 0, 0x30, 0x39, 1, 2, 3});
-    const std::vector<Lease> leases = {
-        lease(kLaptop, "198.51.100.149", "laptop"),
-        lease(macaddr(), "2001:db8:1::117", "laptop", laptop_duid),  // by the DUID's MAC
-        lease(kPhone, "198.51.100.180", "phone", kPhoneId),
-        lease(macaddr(), "2001:db8:1::1ed", "phone", kPhoneDuid),  // by the client's identity
-        lease(kCamera, "198.51.100.128", "camera", bytes({1, 0, 0, 0x5e, 0, 0x53, 0xed})),
-        lease(macaddr(), "2001:db8:1::99", "tv", enterprise_duid),  // by the neighbour table
-        lease(macaddr(), "2001:db8:1::77", "lost", enterprise_duid),
-        lease(kVisitor, "192.0.2.106", "", bytes({1, 2, 3})),
-        lease(macaddr("00:00:5e:00:53:05"), "10.0.0.5", "elsewhere"),
-    };
-    const std::vector<Neighbour> neighbours = {
-        neighbour("br-lan", "2001:db8:1:0:200:5eff:fe00:53ed", kCamera, NUD_REACHABLE),
-        neighbour("br-lan", "fe80::200:5eff:fe00:53ed", kCamera, NUD_STALE),
-        neighbour("br-lan", "fe80::200:5eff:fe00:5359", kPhone, NUD_FAILED),
-        neighbour("br-lan", "2001:db8:1::99", kTv, NUD_STALE),
-        neighbour("br-lan", "2001:db8:1::abc", macaddr("00:00:5e:00:53:aa"), NUD_REACHABLE),
-        neighbour("br-guest", "fe80::200:5eff:fe00:53d7", kVisitor, NUD_DELAY),
-        neighbour("wan0", "fe80::1", kLaptop, NUD_REACHABLE),
-    };
-    const Snapshot s = leases_snapshot(leases, neighbours, lans(), resolver_);
-    EXPECT_EQ(shown(s), (std::map<std::string, std::string>{
-                            {"00:00:5e:00:53:3a", "br-lan laptop 198.51.100.149 2001:db8:1::117"},
-                            {"00:00:5e:00:53:59", "br-lan phone 198.51.100.180 2001:db8:1::1ed"},
-                            {"00:00:5e:00:53:ed",
-                             "br-lan camera 198.51.100.128 2001:db8:1:0:200:5eff:fe00:53ed "
-                             "fe80::200:5eff:fe00:53ed"},
-                            {"00:00:5e:00:53:9d", "br-lan tv 2001:db8:1::99"},
-                            {"00:00:5e:00:53:d7", "br-guest  192.0.2.106 fe80::200:5eff:fe00:53d7"},
-                        }));
-    EXPECT_EQ(s.skipped,
-              (std::vector<std::string>{"no LAN or guest interface serves 10.0.0.5",
-                                        "no MAC known yet for the IPv6 lease 2001:db8:1::77"}));
+    const Table t = table("snapshot-leases.tsv");
+    const Snapshot s = leases_snapshot(t.leases, t.neighbours, lans(), resolver_);
+    EXPECT_EQ(shown(s), t.shown);
+    EXPECT_EQ(s.skipped, t.skipped);
     EXPECT_TRUE(s.mangled.empty());
 }
 
@@ -201,21 +198,8 @@ TEST_F(SnapshotTest, ARotationByNameAndFingerprintWaitsUntilTheEarlierMacIsGone)
 }
 
 TEST(NeighboursSnapshot, LiveEntriesOfClientsOnTheLan) {
-    const std::vector<Neighbour> neighbours = {
-        neighbour("br-lan", "198.51.100.128", kCamera, NUD_REACHABLE),
-        neighbour("br-lan", "fe80::200:5eff:fe00:53ed", kCamera, NUD_PROBE),
-        neighbour("br-guest", "192.0.2.106", kVisitor, NUD_STALE),
-        neighbour("br-lan", "198.51.100.7", kTv, NUD_FAILED),
-        neighbour("br-lan", "198.51.100.8", kPhone, NUD_INCOMPLETE),
-        neighbour("br-lan", "198.51.100.9", kLaptop, NUD_PERMANENT),
-        neighbour("br-lan", "169.254.3.3", kLaptop, NUD_REACHABLE),  // not this LAN's subnet
-        neighbour("br-lan", "fe80::ff:fe00:101", macaddr("02:00:00:00:01:01"), NUD_STALE),
-        neighbour("wan0", "203.0.113.1", macaddr("00:00:5e:00:53:01"), NUD_REACHABLE),
-    };
-    EXPECT_EQ(shown(neighbours_snapshot(neighbours, lans())),
-              (std::map<std::string, std::string>{
-                  {"00:00:5e:00:53:ed", "br-lan  198.51.100.128 fe80::200:5eff:fe00:53ed"},
-                  {"00:00:5e:00:53:d7", "br-guest  192.0.2.106"}}));
+    const Table t = table("snapshot-neighbours.tsv");
+    EXPECT_EQ(shown(neighbours_snapshot(t.neighbours, lans())), t.shown);
 }
 
 }  // namespace

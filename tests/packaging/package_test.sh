@@ -15,15 +15,12 @@ cleanup() {
 }
 trap cleanup EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
-# Waits up to 20 s for a pattern in a file.
-wait_for() {
-  local pattern=$1 file=$2
-  for _ in $(seq 200); do
-    grep -q -- "$pattern" "$file" 2>/dev/null && return 0
-    sleep 0.1
-  done
-  fail "no '$pattern' in $file: $(tail -5 "$file" 2>/dev/null)"
+# Waits up to 20 s for a command to succeed.
+until_ok() {
+  for _ in $(seq 200); do "$@" 2>/dev/null && return 0; sleep 0.1; done
+  return 1
 }
+wait_for() { until_ok grep -q -- "$1" "$2" || fail "no '$1' in $2: $(tail -5 "$2" 2>/dev/null)"; }
 
 (cd "$build" && cpack -G DEB -B "$tmp/packages" >"$tmp/cpack.log" 2>&1) ||
   fail "cpack: $(tail -20 "$tmp/cpack.log")"
@@ -35,15 +32,7 @@ for deb in "$tmp"/packages/nkdevicediscovery_*.deb "$tmp"/packages/nkcloud-emu_*
 done
 
 units=(nkex-broker nkdevicediscovery nksifter nkcloud-emu)
-expected=(
-  usr/sbin/nkdevicediscovery usr/sbin/nksifter usr/libexec/nkdevicediscovery/nkdevinfo
-  usr/libexec/nkdevicediscovery/broker-config usr/libexec/nkdevicediscovery/bus-credentials
-  usr/libexec/nkdevicediscovery/nkdevinfo-lease-script
-  usr/bin/nkset usr/bin/nkdevices usr/bin/nkcloud-emu
-  usr/share/man/man8/nkdevicediscovery.8 usr/share/man/man8/nkdevinfo.8
-  usr/share/man/man8/nksifter.8 usr/share/man/man1/nkset.1 usr/share/man/man1/nkdevices.1
-  usr/share/man/man1/nkcloud-emu.1 usr/share/doc/nkdevicediscovery/openwrt/nkdevicediscovery.init
-)
+mapfile -t expected < <(grep -v "^#" "$(dirname "$0")/data/files.txt")
 for unit in "${units[@]}"; do expected+=("usr/lib/systemd/system/$unit.service"); done
 for file in "${expected[@]}"; do [[ -e "$root/$file" ]] || fail "missing /$file"; done
 dpkg-deb -f "$tmp"/packages/nkdevicediscovery_*.deb Depends | grep -q mosquitto ||
@@ -75,8 +64,7 @@ if [[ $(id -u) -eq 0 ]]; then
 fi
 "${broker[@]}" 2>"$tmp/broker.log" &
 pids+=($!)
-for _ in $(seq 100); do [[ -S "$socket" ]] && break; sleep 0.05; done
-[[ -S "$socket" ]] || fail "broker: $(cat "$tmp/broker.log")"
+until_ok test -S "$socket" || fail "broker: $(cat "$tmp/broker.log")"
 
 # systemd's side: a notify socket, and stderr as the journal stream.
 python3 -c '
@@ -87,7 +75,7 @@ while True:
     print(s.recv(4096).decode(), flush=True)
 ' "$tmp/notify" >"$tmp/notify.log" &
 pids+=($!)
-for _ in $(seq 100); do [[ -S "$tmp/notify" ]] && break; sleep 0.05; done
+until_ok test -S "$tmp/notify" || fail "no notify socket"
 : >"$tmp/daemon.log"
 journal=$(stat -c '%d:%i' "$tmp/daemon.log")
 NOTIFY_SOCKET=$tmp/notify JOURNAL_STREAM=$journal NKEX_CREDENTIALS_DIR=$tmp/bus \
