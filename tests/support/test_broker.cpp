@@ -117,11 +117,7 @@ void TestBroker::stop() {
     if (pid_ <= 0)
         return;
     ::kill(pid_, SIGTERM);
-    int status = 0;
-    if (!wait_until([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, 3s)) {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, &status, 0);
-    }
+    reap(pid_, 3s);
     pid_ = 0;
     ::unlink(socket_.c_str());
 }
