@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -54,15 +53,6 @@ Child run_frame(std::vector<std::string> args, std::function<int(int)> body, boo
     ::_exit(status);
 }
 
-int exit_status(pid_t pid) {
-    int status = -1;
-    const bool ended =
-        nk::test::wait_until([&] { return ::waitpid(pid, &status, WNOHANG) == pid; });
-    if (!ended)
-        ::kill(pid, SIGKILL);
-    return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 std::string read_all(int fd) {
     std::string text;
     char buf[4096];
@@ -99,7 +89,7 @@ TEST(DaemonFrame, RunsUntilAStopSignal) {
         EXPECT_GT(::read(child.report.get(), buf, sizeof buf - 1), 0);
         EXPECT_STREQ(buf, "/tmp/s /tmp/d tcp:localhost:1883 3 ");
         ASSERT_EQ(::kill(child.pid, sig), 0);
-        EXPECT_EQ(exit_status(child.pid), 0);
+        EXPECT_EQ(nk::test::reap(child.pid), 0);
     }
 }
 
@@ -131,7 +121,7 @@ TEST(DaemonFrame, EarlyExitsSkipTheRunFunction) {
             EXPECT_NE(output.find("Try 'frame-test --help'"), std::string::npos) << output;
             EXPECT_EQ(output.find("Options:"), std::string::npos) << output;
         }
-        EXPECT_EQ(exit_status(child.pid), c.status);
+        EXPECT_EQ(nk::test::reap(child.pid), c.status);
     }
 }
 
@@ -149,7 +139,7 @@ TEST(DaemonFrame, DetachesIntoANewSession) {
     };
     Child child = run_frame({}, report_detached, false);
     ASSERT_GT(child.pid, 0);
-    EXPECT_EQ(exit_status(child.pid), 0);
+    EXPECT_EQ(nk::test::reap(child.pid), 0);
     // The daemon holds the report pipe until its run function returns.
     EXPECT_EQ(read_all(child.report.get()), "/ /dev/null member new-session");
 }

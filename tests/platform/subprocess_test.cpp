@@ -1,7 +1,7 @@
+// Child programs with their output read line by line, stopped and restarted.
 #include "nk/subprocess.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
@@ -10,10 +10,9 @@
 #include <csignal>
 #include <fstream>
 #include <map>
-#include <string>
-#include <vector>
 
 #include "nk/io.h"
+#include "wait.h"
 
 namespace {
 
@@ -24,16 +23,10 @@ std::unique_ptr<Subprocess> shell(const std::string& script) {
     return Subprocess::create(Subprocess::Type::LEASES, "sh", "/bin/sh", {"-c", script});
 }
 
-// Readable or hung up: at end of output a pipe may report only POLLHUP.
-bool wait_input(int fd) {
-    pollfd p{fd, POLLIN, 0};
-    return ::poll(&p, 1, 5000) == 1;
-}
-
 // Everything the child writes, until it closes its output.
 Lines read_to_end(Subprocess& p) {
     Lines all;
-    while (p.fd() >= 0 && wait_input(p.fd())) {
+    while (p.fd() >= 0 && nk::test::wait_readable(p.fd())) {
         for (std::string& line : p.recv())
             all.push_back(std::move(line));
     }
@@ -68,7 +61,7 @@ TEST(Subprocess, ReadsLinesUntilExitThenReaps) {
 TEST(Subprocess, StopKillsAChildThatIgnoresTerm) {
     const auto p = shell("trap '' TERM; echo ready; exec sleep 30");
     ASSERT_TRUE(p && p->start());
-    ASSERT_TRUE(wait_input(p->fd()));
+    ASSERT_TRUE(nk::test::wait_readable(p->fd()));
     ASSERT_EQ(p->recv(), Lines{"ready"});
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_TRUE(p->stop(true));
@@ -92,8 +85,7 @@ TEST(Subprocess, MissingCommandIsAFailedStart) {
 // The child starts clean even when the parent leaks a descriptor and changes its signals.
 TEST(Subprocess, ChildGetsNoDescriptorsAndDefaultSignals) {
     const nk::io::unique_fd leaked(::open("/dev/null", O_RDONLY));  // no O_CLOEXEC on purpose
-    sigset_t usr1;
-    sigset_t old_mask;
+    sigset_t usr1, old_mask;
     sigemptyset(&usr1);
     sigaddset(&usr1, SIGUSR1);
     ::pthread_sigmask(SIG_BLOCK, &usr1, &old_mask);

@@ -5,7 +5,7 @@
 namespace nk::test {
 
 std::string Row::str(const char* key) const {
-    const json_t* value = key ? get(key) : json_;
+    const json_t* value = get(key);
     const std::string raw(json_string_value(value) ? json_string_value(value) : "",
                           json_string_length(value));
     std::string out;

@@ -11,14 +11,14 @@ namespace nk::test {
 class Row {
 public:
     explicit Row(const json_t* json) : json_(json) {}
-    // A string member (the row itself when key is null); "\xHH" stands for a byte JSON cannot
-    // hold, and NULs come through.
+    // Members by key; a null key is the row itself. In strings "\xHH" stands for a byte JSON
+    // cannot hold, and NULs come through.
     std::string str(const char* key = nullptr) const;
     long long num(const char* key) const { return json_integer_value(get(key)); }
     bool flag(const char* key) const { return json_is_true(get(key)); }
     bool has(const char* key) const { return get(key) != nullptr; }
     std::vector<std::string> strs(const char* key) const;
-    const json_t* get(const char* key) const { return json_object_get(json_, key); }
+    const json_t* get(const char* key) const { return key ? json_object_get(json_, key) : json_; }
     // The row as written, to name the failing case.
     std::string text() const { return json_dump_compact(json_); }
 
