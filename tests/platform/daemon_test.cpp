@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "nk/io.h"
+#include "table.h"
 #include "wait.h"
 
 namespace {
@@ -95,33 +96,18 @@ TEST(DaemonFrame, RunsUntilAStopSignal) {
 
 // A usage error names what was wrong and gives the short usage, never the whole help.
 TEST(DaemonFrame, EarlyExitsSkipTheRunFunction) {
-    constexpr int kUsage = 64;
-    const struct {
-        std::vector<std::string> args;
-        int status;
-        const char* output;
-    } cases[] = {
-        {{"--help"}, 0, "--log-level N"},
-        {{"--version"}, 0, "frame-test "},
-        {{"--bogus"}, kUsage, "'--bogus'"},
-        {{"--log-level", "9"}, kUsage, "not '9'"},
-        {{"--settings", ""}, kUsage, "--settings needs a non-empty value"},
-        {{"-f", "stray"}, kUsage, "unexpected argument 'stray'"},
-        {{"--broker", "tcp:host"}, kUsage, "unix:PATH or tcp:HOST:PORT, not 'tcp:host'"},
-        {{"--broker", "unix:"}, kUsage, "not 'unix:'"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.args.back());
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/daemon.json", "early_exit")) {
+        SCOPED_TRACE(row.text());
         Child child = run_frame(
-            c.args, [](int) { return kRunCalled; }, true);
+            row.strs("args"), [](int) { return kRunCalled; }, true);
         ASSERT_GT(child.pid, 0);
         const std::string output = read_all(child.report.get());
-        EXPECT_NE(output.find(c.output), std::string::npos) << output;
-        if (c.status == kUsage) {
+        EXPECT_NE(output.find(row.str("output")), std::string::npos) << output;
+        if (row.num("status") != 0) {
             EXPECT_NE(output.find("Try 'frame-test --help'"), std::string::npos) << output;
             EXPECT_EQ(output.find("Options:"), std::string::npos) << output;
         }
-        EXPECT_EQ(nk::test::reap(child.pid), c.status);
+        EXPECT_EQ(nk::test::reap(child.pid), row.num("status"));
     }
 }
 
