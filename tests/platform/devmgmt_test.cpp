@@ -1,20 +1,18 @@
+// The shared device table in a real LMDB environment, written by more than one process.
 #include "nk/devmgmt.h"
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "nk/constants.h"
 #include "nk/json.h"
+#include "table.h"
 #include "temp_dir.h"
 #include "wait.h"
 
@@ -23,71 +21,43 @@ namespace {
 using nk::devMgmt::Device;
 using nk::sockutl::address;
 using nk::sockutl::macaddr;
+using nk::test::in_child;
 using nk::test::ScopedEnv;
-using nk::test::TempDir;
 
-Device sample(const std::string& id) {
+nk::test::Table cases(const char* name) {
+    return {NK_TEST_DATA "/devmgmt.json", name};
+}
+
+// A record with every field set, under another id when given.
+Device sample(const std::string& id = "id1") {
     Device d;
-    d.device_id = id;
-    d.local_id = "local-" + id;
-    d.profile_id = "p1";
-    d.display_name = "Kitchen \"TV\"";
-    d.friendly_name = "tv";
-    d.device_type = "tv";
-    d.device_os = "tizen";
-    d.device_os_version = "6.5";
-    d.device_model = "QE55";
-    d.mac_vendor = "Samsung";
-    d.box_device_id = "b1";
-    d.box_detected_name = "samsung-tv";
-    d.box_detected_name_history = R"(["a","b"])";
-    d.apps = {{"netflix", 3}, {"zoom", -1}};
-    d.created = 1700000000123;
-    d.blocked = 1;
-    d.upnp_enabled = 2;
-    d.onguest = 3;
-    d.scan_level = 4;
-    d.va_scan_level = 5;
-    d.onbox = 6;
-    d.macips[macaddr("aa:bb:cc:dd:ee:01")] = {address("192.168.1.20"), address("fe80::1")};
-    d.macips[macaddr("aa:bb:cc:dd:ee:02")] = {};
+    for (const auto& row : cases("device"))
+        EXPECT_TRUE(d.from_json(row.get(nullptr)));
+    if (id != "id1")
+        d.device_id = id;
     return d;
 }
 
 std::optional<Device> load(const std::string& id, bool lock = false) {
     Device d;
     d.device_id = id;
-    if (!d.load_from_shmem(lock, true))
-        return std::nullopt;
-    return d;
-}
-
-// Runs `body` in a child process; true when it exited with status 0 within the time-out.
-template <typename Body>
-bool in_child(Body body) {
-    const pid_t pid = ::fork();
-    if (pid == 0)
-        ::_exit(body() ? 0 : 1);
-    int status = -1;
-    const bool done = nk::test::wait_until([&] { return ::waitpid(pid, &status, WNOHANG) == pid; });
-    if (!done) {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, &status, 0);
-    }
-    return done && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return d.load_from_shmem(lock, true) ? std::optional(d) : std::nullopt;
 }
 
 class DevmgmtTest : public ::testing::Test {
 protected:
     void TearDown() override { nk::devMgmt::close_table(); }
 
-    TempDir dir_;
+    nk::test::TempDir dir_;
     // A directory that does not exist yet: the table creates it.
     ScopedEnv env_{nk::kDevmgmtDirEnv, dir_ / "shm/devmgmt"};
 };
 
-TEST_F(DevmgmtTest, EveryFieldRoundTripsThroughTheTable) {
-    const Device stored = sample("id1");
+TEST_F(DevmgmtTest, EveryFieldRoundTripsThroughJsonAndTheTable) {
+    const Device stored = sample();
+    const nk::json_ptr json(stored.to_json());
+    for (const auto& row : cases("device"))
+        EXPECT_TRUE(json_equal(json.get(), row.get(nullptr))) << nk::json_dump_compact(json.get());
     ASSERT_TRUE(stored.write_to_shmem());
     EXPECT_EQ(load("id1"), stored);
     EXPECT_EQ(load("id1", true), stored);
@@ -97,16 +67,12 @@ TEST_F(DevmgmtTest, EveryFieldRoundTripsThroughTheTable) {
     by_local.display_name = "stale";
     ASSERT_TRUE(by_local.load_from_shmem(false, false));
     EXPECT_EQ(by_local, stored);
-}
 
-TEST_F(DevmgmtTest, DeleteAndAbsentRecords) {
-    ASSERT_TRUE(sample("id1").write_to_shmem());
-    EXPECT_TRUE(sample("id1").delete_shmem());
-    EXPECT_FALSE(sample("id1").delete_shmem());
-
-    Device absent = sample("id1");
+    EXPECT_TRUE(stored.delete_shmem());
+    EXPECT_FALSE(stored.delete_shmem());
+    Device absent = stored;
     EXPECT_FALSE(absent.load_from_shmem(false, true));
-    EXPECT_EQ(absent, sample("id1"));  // untouched
+    EXPECT_EQ(absent, stored);  // untouched
     EXPECT_TRUE(Device::list().empty());
 }
 
@@ -122,24 +88,19 @@ TEST_F(DevmgmtTest, IdsBeyondTheKeyLimitFailCleanly) {
     EXPECT_EQ(load(longest), sample(longest));
 }
 
-TEST_F(DevmgmtTest, RecordWrittenByAnotherProcessIsSeen) {
-    ASSERT_TRUE(sample("parent").write_to_shmem());  // the child inherits an open table
-    ASSERT_TRUE(in_child([] { return sample("child").write_to_shmem(); }));
-    EXPECT_EQ(load("child"), sample("child"));
-    EXPECT_EQ(Device::list().size(), 2u);
-}
-
-TEST_F(DevmgmtTest, OpenReaderDoesNotBlockAWriter) {
-    Device v1 = sample("id1");
-    ASSERT_TRUE(v1.write_to_shmem());
+TEST_F(DevmgmtTest, OtherProcessesWriteWhileAReaderHoldsASnapshot) {
+    Device v1 = sample();
+    ASSERT_TRUE(v1.write_to_shmem());  // the children inherit an open table
     const std::optional<nk::devMgmt::Snapshot> snapshot = nk::devMgmt::Snapshot::take();
     ASSERT_TRUE(snapshot);
-
     Device v2 = v1;
     v2.display_name = "renamed";
-    ASSERT_TRUE(in_child([&] { return v2.write_to_shmem(); }));
+    ASSERT_EQ(in_child([&] { return v2.write_to_shmem() ? 0 : 1; }), 0);
+    ASSERT_EQ(in_child([] { return sample("child").write_to_shmem() ? 0 : 1; }), 0);
     EXPECT_EQ(snapshot->get("id1"), v1);
     EXPECT_EQ(load("id1"), v2);
+    EXPECT_EQ(load("child"), sample("child"));
+    EXPECT_EQ(Device::list().size(), 2u);
 }
 
 TEST_F(DevmgmtTest, FullMapIsAnErrorAndTheTableSurvives) {
@@ -168,42 +129,35 @@ TEST_F(DevmgmtTest, FullMapIsAnErrorAndTheTableSurvives) {
 }
 
 TEST_F(DevmgmtTest, TableDescriptorsAreCloseOnExec) {
-    ASSERT_TRUE(sample("id1").write_to_shmem());
+    ASSERT_TRUE(sample().write_to_shmem());
     DIR* fds = ::opendir("/proc/self/fd");
     ASSERT_NE(fds, nullptr);
     int table_fds = 0;
     while (const dirent* entry = ::readdir(fds)) {
         char target[PATH_MAX] = {};
         const std::string link = std::string("/proc/self/fd/") + entry->d_name;
-        if (::readlink(link.c_str(), target, sizeof target - 1) <= 0)
-            continue;
-        if (std::string(target).rfind(dir_.path(), 0) != 0)
-            continue;
-        ++table_fds;
-        EXPECT_TRUE(::fcntl(std::stoi(entry->d_name), F_GETFD) & FD_CLOEXEC) << target;
+        if (::readlink(link.c_str(), target, sizeof target - 1) > 0 &&
+            std::string(target).rfind(dir_.path(), 0) == 0) {
+            ++table_fds;
+            EXPECT_TRUE(::fcntl(std::stoi(entry->d_name), F_GETFD) & FD_CLOEXEC) << target;
+        }
     }
     ::closedir(fds);
     EXPECT_GE(table_fds, 2);  // data and lock file
 }
 
 TEST_F(DevmgmtTest, InvalidUtf8IsReplacedNotRefused) {
-    Device d = sample("id1");
+    Device d = sample();
     d.display_name = "caf\xe9";
     ASSERT_TRUE(d.write_to_shmem());
     EXPECT_EQ(load("id1")->display_name, "caf\xEF\xBF\xBD");
 }
 
 TEST(DeviceJson, WrongTypesLeaveTheRecordUnchanged) {
-    for (const char* text :
-         {R"([])", R"("x")", R"({"display_name":3})", R"({"blocked":"1"})", R"({"blocked":1.0})",
-          R"({"onbox":4294967296})", R"({"created":"1"})", R"({"apps":[]})",
-          R"({"apps":{"a":"1"}})", R"({"macips":["aa:bb:cc:dd:ee:01"]})"}) {
-        SCOPED_TRACE(text);
-        const nk::json_ptr json(json_loads(text, JSON_DECODE_ANY, nullptr));
-        ASSERT_TRUE(json);
-        Device d = sample("id1");
-        EXPECT_FALSE(d.from_json(json.get()));
-        EXPECT_EQ(d, sample("id1"));
+    for (const auto& row : cases("wrong_types")) {
+        Device d = sample();
+        EXPECT_FALSE(d.from_json(row.get(nullptr))) << row.text();
+        EXPECT_EQ(d, sample()) << row.text();
     }
     EXPECT_FALSE(Device().from_json(nullptr));
 }

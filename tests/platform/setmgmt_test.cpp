@@ -1,4 +1,7 @@
-// The settings store on a real directory tree, with real processes competing for its keys.
+// The settings store on a real directory tree, with real processes competing for its keys and
+// watching them, and nkset, its command line.
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,24 +12,40 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <regex>
+#include <sstream>
 #include <thread>
 
+#include <nk/featureutl.h>
+#include <nk/io.h>
 #include <nk/nkerrno.h>
 #include <nk/setmgmt.h>
 
+#include "daemon_process.h"
+#include "table.h"
 #include "temp_dir.h"
+#include "wait.h"
 
 namespace {
 
 namespace sm = nk::setMgmt;
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 using Names = std::vector<std::string>;
+
+// Another process changes the store, and makes it when it is not there yet, as an installer would.
+int nkset(const std::string& args) {
+    return nk::test::run_command("mkdir -p \"$NK_SETTINGS_DIR\" && " + std::string(NK_NKSET_BIN) +
+                                 " " + args);
+}
 
 class SetMgmtTest : public ::testing::Test {
 protected:
     void TearDown() override {
         sm::set_lock_timeout_ms(2000);
         sm::uninit();
+        nk::featureutl::uninit();
     }
     Names entries(const std::string& dir) const {
         Names out;
@@ -60,10 +79,11 @@ TEST_F(SetMgmtTest, BadKeysAreRejectedWithoutTouchingTheStore) {
         EXPECT_TRUE(sm::is_valid_key(key)) << key;
 }
 
-TEST_F(SetMgmtTest, ValuesRoundTripAndParentsAreCreated) {
+TEST_F(SetMgmtTest, ValuesRoundTripAndAreWrittenOnlyWhenChanged) {
+    const std::string file = root_ + "/a/b/c/.value";
     std::string value;
-    const std::string values[] = {"x", "", "two\nlines\n", std::string(100000, 'z')};
-    for (const std::string& written : values) {
+    for (const std::string& written :
+         {std::string("x"), std::string(), std::string("two\nlines\n"), std::string(100000, 'z')}) {
         ASSERT_EQ(sm::setKey("/a/b/c", written), 0);
         ASSERT_EQ(sm::getKey("/a/b/c", value), 0);
         EXPECT_EQ(value, written);
@@ -71,20 +91,17 @@ TEST_F(SetMgmtTest, ValuesRoundTripAndParentsAreCreated) {
     EXPECT_EQ(entries(root_ + "/a/b/c"), Names{".value"});  // no temporary file left behind
     EXPECT_LT(sm::getKey("/a/b", value), 0);                // a parent without a value of its own
     EXPECT_EQ(nkerrno, ENOENT);
-}
 
-TEST_F(SetMgmtTest, AValueStoredAlreadyIsNotWrittenAgain) {
-    const std::string file = root_ + "/a/.value";
-    ASSERT_EQ(sm::setKey("/a", "x"), 0);
-    struct stat before {};
-    ASSERT_EQ(::stat(file.c_str(), &before), 0);
-    for (const char* value : {"x", "y"}) {
-        ASSERT_EQ(sm::setKey("/a", value), 0);
-        struct stat after {};
-        ASSERT_EQ(::stat(file.c_str(), &after), 0);
-        // A write renames a new file over the old one.
-        EXPECT_EQ(after.st_ino == before.st_ino, std::string(value) == "x") << value;
-    }
+    const auto inode = [&file] {
+        struct stat st {};
+        EXPECT_EQ(::stat(file.c_str(), &st), 0);
+        return st.st_ino;
+    };
+    const ino_t before = inode();
+    ASSERT_EQ(sm::setKey("/a/b/c", value), 0);
+    EXPECT_EQ(inode(), before);  // the same value is not written again
+    ASSERT_EQ(sm::setKey("/a/b/c", "y"), 0);
+    EXPECT_NE(inode(), before);  // a write renames a new file over the old one
 }
 
 TEST_F(SetMgmtTest, ManyKeysAtOnceReportEachFailureAndSetTheRest) {
@@ -128,8 +145,9 @@ TEST_F(SetMgmtTest, LeftoversOfInterruptedWritesGoOnceOld) {
 TEST_F(SetMgmtTest, OneProcessAtATimeClaimsTheStore) {
     ASSERT_EQ(sm::init(), 0);
     int to_child[2], from_child[2];
-    ASSERT_EQ(::pipe(to_child), 0);
-    ASSERT_EQ(::pipe(from_child), 0);
+    ASSERT_EQ(::pipe2(to_child, O_CLOEXEC), 0);
+    ASSERT_EQ(::pipe2(from_child, O_CLOEXEC), 0);
+    nk::io::unique_fd release(to_child[1]), claimed_by_child(from_child[0]);
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
@@ -140,8 +158,10 @@ TEST_F(SetMgmtTest, OneProcessAtATimeClaimsTheStore) {
         (void)!::read(to_child[0], &holder, 1);  // holds the claim until the parent is done
         ::_exit(0);
     }
+    ::close(to_child[0]);
+    ::close(from_child[1]);
     char claimed = 0;
-    ASSERT_EQ(::read(from_child[0], &claimed, 1), 1);
+    ASSERT_EQ(::read(claimed_by_child.get(), &claimed, 1), 1);
     ASSERT_EQ(claimed, '1');
     long holder = 0;
     EXPECT_LT(sm::claim("daemon", holder), 0);
@@ -150,15 +170,13 @@ TEST_F(SetMgmtTest, OneProcessAtATimeClaimsTheStore) {
     EXPECT_EQ(sm::claim("other", holder), 0);  // claims of other programs are independent
     EXPECT_EQ(sm::claim("other", holder), 0);
 
-    ::close(to_child[1]);
-    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    release.reset();
+    EXPECT_EQ(nk::test::reap(child), 0);
     EXPECT_EQ(sm::claim("daemon", holder), 0);  // the claim ends with its process
-    for (const int fd : {to_child[0], from_child[0], from_child[1]})
-        ::close(fd);
 }
 
-TEST_F(SetMgmtTest, SubkeysAreSortedAndHideTheStoresOwnNames) {
-    for (const char* key : {"/l", "/l/zeta", "/l/alpha", "/l/Mid"})
+TEST_F(SetMgmtTest, SubkeysAndDeletionOfWholeTrees) {
+    for (const char* key : {"/l", "/l/zeta", "/l/alpha", "/l/Mid", "/l/Mid/x", "/keep"})
         ASSERT_EQ(sm::setKey(key, "1"), 0);
     fs::create_directory(root_ + "/l/.hidden");
     std::ofstream(root_ + "/l/plain_file") << "x";
@@ -166,21 +184,18 @@ TEST_F(SetMgmtTest, SubkeysAreSortedAndHideTheStoresOwnNames) {
     Names names;
     EXPECT_EQ(sm::enumSubkeys("/l", names), 3);
     EXPECT_EQ(names, (Names{"Mid", "alpha", "zeta"}));
-    EXPECT_EQ(sm::enumSubkeys("/", names), 1);  // the lock folder is not a key
-    EXPECT_EQ(names, Names{"l"});
-    EXPECT_LT(sm::enumSubkeys("/missing", names), 0);
-    EXPECT_EQ(nkerrno, ENOENT);
-}
-
-TEST_F(SetMgmtTest, DeleteRemovesTheWholeTree) {
-    for (const char* key : {"/d/x", "/d/x/y", "/d/z", "/keep"})
-        ASSERT_EQ(sm::setKey(key, "1"), 0);
-    ASSERT_EQ(sm::deleteKey("/d"), 0);
+    EXPECT_EQ(sm::enumSubkeys("/", names), 2);  // the lock folder is not a key
+    EXPECT_EQ(names, (Names{"keep", "l"}));
+    // A key under a plain file is as absent as one under nothing.
     std::string value;
-    EXPECT_LT(sm::getKey("/d/x/y", value), 0);
-    EXPECT_EQ(entries(root_), Names{"keep"});
-    EXPECT_LT(sm::deleteKey("/d"), 0);
-    EXPECT_EQ(nkerrno, ENOENT);
+    for (const char* key : {"/missing", "/l/plain_file/x"}) {
+        EXPECT_TRUE(sm::enumSubkeys(key, names) < 0 && nkerrno == ENOENT) << key;
+        EXPECT_TRUE(sm::getKey(key, value) < 0 && nkerrno == ENOENT) << key;
+        EXPECT_TRUE(sm::deleteKey(key) < 0 && nkerrno == ENOENT) << key;
+    }
+    ASSERT_EQ(sm::deleteKey("/l"), 0);
+    EXPECT_EQ(sm::getKeyValue("/l/Mid/x", "gone"), "gone");
+    EXPECT_EQ(sm::enumSubkeys("/", names), 1);
     EXPECT_LT(sm::deleteKey("/"), 0);
     EXPECT_EQ(nkerrno, EINVAL);
 }
@@ -196,7 +211,6 @@ TEST_F(SetMgmtTest, IntegersFallBackToTheDefaultWhenUnparsable) {
     ASSERT_EQ(sm::setKey("/n", "300"), 0);
     EXPECT_EQ(sm::getKeyValue<uint8_t>("/n", 9), 9);
     EXPECT_EQ(sm::getKeyValue("/absent", 5), 5);
-    EXPECT_EQ(sm::getKeyValue("/absent", "def"), "def");
 }
 
 TEST_F(SetMgmtTest, ConcurrentWritersNeverTearAValue) {
@@ -240,23 +254,162 @@ TEST_F(SetMgmtTest, LocksAreCountedWithinTheProcess) {
     EXPECT_LT(sm::unlockKey("/k"), 0);
     EXPECT_EQ(nkerrno, EPERM);
     EXPECT_LT(sm::unlockKey("/never"), 0);
-    std::string value;
-    EXPECT_LT(sm::getKey("/k", value), 0);  // locking does not create the key
+    EXPECT_EQ(sm::getKeyValue("/k", "none"), "none");  // locking does not create the key
 
     std::vector<std::thread> threads;
     std::atomic<int> failures{0};
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&failures] {
-            for (int i = 0; i < 200; ++i) {
-                if (sm::lockKey("/shared") != 0 || sm::unlockKey("/shared") != 0)
-                    ++failures;
-            }
+            for (int i = 0; i < 200; ++i)
+                failures += sm::lockKey("/shared") != 0 || sm::unlockKey("/shared") != 0;
         });
     }
     for (auto& t : threads)
         t.join();
     EXPECT_EQ(failures, 0);
     EXPECT_LT(sm::unlockKey("/shared"), 0);
+}
+
+TEST_F(SetMgmtTest, MonitoredKeyWakesWhenAnotherProcessSetsIt) {
+    // What exists when watching starts: the key, its parent only, nothing (not even the root).
+    const std::pair<const char*, const char*> cases[] = {
+        {"existing", "/w/k"}, {"absent_key", "/w/other"}, {"absent_root", nullptr}};
+    for (const auto& [name, before] : cases) {
+        SCOPED_TRACE(name);
+        nk::test::ScopedEnv root("NK_SETTINGS_DIR", dir_ / name);
+        if (before) {
+            ASSERT_EQ(sm::setKey(before, "old"), 0);
+        }
+        sm::MonitoredKey key("/w/k");
+        ASSERT_GE(key.fd(), 0);
+        EXPECT_FALSE(nk::test::wait_readable(key.fd(), 0ms));
+        // The second write proves the watch followed the path once it appeared.
+        for (const char* value : {"new", "newer"}) {
+            ASSERT_EQ(nkset(std::string("set /w/k ") + value), 0);
+            ASSERT_TRUE(nk::test::wait_readable(key.fd()));
+            EXPECT_TRUE(key.consume());
+            EXPECT_EQ(key.value(), value);
+            EXPECT_FALSE(nk::test::wait_readable(key.fd(), 0ms));
+        }
+    }
+}
+
+TEST_F(SetMgmtTest, MonitoredKeyCountsChildrenAndDeletion) {
+    ASSERT_EQ(sm::setKey("/p/c", "1"), 0);
+    sm::MonitoredKey key("/p");
+    ASSERT_GE(key.fd(), 0);
+    const std::pair<const char*, std::function<int()>> steps[] = {
+        {"child value", [] { return sm::setKey("/p/c", "2"); }},
+        {"new child", [] { return sm::setKey("/p/new", "x"); }},
+        {"value of the new child", [] { return sm::setKey("/p/new", "y"); }},
+        {"deleted", [] { return sm::deleteKey("/p"); }},
+        {"created again", [] { return sm::setKey("/p", "v"); }},
+    };
+    for (const auto& [name, change] : steps) {
+        SCOPED_TRACE(name);
+        ASSERT_EQ(change(), 0);
+        ASSERT_TRUE(nk::test::wait_readable(key.fd()));
+        EXPECT_TRUE(key.consume());
+    }
+    EXPECT_EQ(key.value(), "v");
+    EXPECT_EQ(sm::MonitoredKey("/p/").fd(), -1);
+    EXPECT_EQ(nkerrno, EINVAL);
+}
+
+TEST_F(SetMgmtTest, FeatureChangeCallsThatFeaturesCallbackOnce) {
+    namespace fu = nk::featureutl;
+    ASSERT_EQ(sm::init(), 0);
+    std::vector<int> calls;
+    const auto record = [&calls](int n) { calls.push_back(n); };
+    EXPECT_EQ(fu::set_on_feature_change(3, record), -1);  // before init
+    EXPECT_EQ(fu::read_fd(), -1);
+    ASSERT_EQ(fu::init(), 0);  // before /features/ids exists
+    for (const int feature : {3, 5})
+        ASSERT_EQ(fu::set_on_feature_change(feature, record), 0);
+    // A feature nobody asked about wakes the descriptor but calls nothing.
+    const std::pair<const char*, std::vector<int>> steps[] = {
+        {"3 1", {3}}, {"7 1", {3}}, {"5 2", {3, 5}}};
+    for (const auto& [args, expected] : steps) {
+        SCOPED_TRACE(args);
+        ASSERT_EQ(nkset(std::string("set /features/ids/") + args), 0);
+        ASSERT_TRUE(nk::test::wait_readable(fu::get_fd()));
+        EXPECT_EQ(fu::read_fd(), static_cast<int>(expected.size() - calls.size()));
+        EXPECT_EQ(calls, expected);
+    }
+    EXPECT_EQ(fu::get_feature(5), 2);
+    EXPECT_EQ(fu::get_feature(4), 0);  // unset means on
+    fu::uninit();
+    EXPECT_EQ(fu::get_fd(), -1);
+}
+
+// The command line, on a store it never makes itself.
+class NksetTest : public SetMgmtTest {
+protected:
+    NksetTest() { fs::create_directory(root_); }
+};
+
+TEST_F(NksetTest, ExitStatusesAndOutputOfEachCommand) {
+    ASSERT_EQ(sm::lockKey("/held"), 0);
+    const auto expand = [this](std::string text) {
+        text = std::regex_replace(text, std::regex("\\{dir\\}"), dir_.path());
+        return std::regex_replace(text, std::regex("\\{nkset\\}"), NK_NKSET_BIN);
+    };
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/nkset.json", "commands")) {
+        SCOPED_TRACE(row.text());
+        std::string out;
+        EXPECT_EQ(nk::test::run_command(std::string(NK_NKSET_BIN) + " " + expand(row.str("args")) +
+                                            " 2>" + (dir_ / "err"),
+                                        &out),
+                  row.num("status"));
+        if (row.has("out")) {
+            EXPECT_EQ(out, row.str("out"));
+        }
+        EXPECT_EQ(out.rfind(row.str("out_starts"), 0), 0u) << out;
+        std::stringstream err;
+        err << std::ifstream(dir_ / "err").rdbuf();
+        EXPECT_NE(err.str().find(expand(row.str("err"))), std::string::npos) << err.str();
+    }
+    EXPECT_FALSE(std::filesystem::exists(dir_ / "absent"));
+}
+
+TEST_F(NksetTest, WatchPrintsEachChangeUntilStopped) {
+    for (const int sig : {SIGINT, SIGTERM}) {
+        SCOPED_TRACE(sig);
+        sm::deleteKey("/w");  // left by the previous round
+        nk::test::DaemonProcess watch;
+        ASSERT_TRUE(watch.start({"/bin/sh", "-c", "exec \"$0\" watch /w >&2", NK_NKSET_BIN}));
+        ASSERT_TRUE(watch.wait_for_line("/w"));  // armed, the key has no value yet
+        ASSERT_EQ(sm::setKey("/w", "one"), 0);
+        ASSERT_TRUE(watch.wait_for_line("/w=one"));
+        // Rewriting the same value prints nothing.
+        for (const char* value : {"one", "two"})
+            ASSERT_EQ(sm::setKey("/w", value), 0);
+        ASSERT_TRUE(watch.wait_for_line("/w=two"));
+        EXPECT_EQ(watch.stop(sig), 0);
+        EXPECT_EQ(watch.log(), "/w\n/w=one\n/w=two\n");
+    }
+}
+
+TEST_F(NksetTest, LockHeldByAnotherProcessIsRefusedThenGranted) {
+    const std::string release = dir_ / "release";
+    ASSERT_EQ(::mkfifo(release.c_str(), 0600), 0);
+    nk::test::DaemonProcess holder;
+    ASSERT_TRUE(holder.start({NK_NKSET_BIN, "lock", "/k", "/bin/sh", "-c",
+                              "echo held >&2; exec timeout 10 cat \"$0\" 2>&-", release}));
+    ASSERT_TRUE(holder.wait_for_line("held"));
+
+    sm::set_lock_timeout_ms(150);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_LT(sm::lockKey("/k"), 0);
+    EXPECT_EQ(nkerrno, EWOULDBLOCK);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 150ms);
+
+    // Opened and closed: the holder reads its end of file and exits. Killed early, it would
+    // still give up after ten seconds.
+    nk::io::unique_fd(::open(release.c_str(), O_WRONLY | O_CLOEXEC));
+    EXPECT_EQ(holder.wait_exit(), 0);
+    EXPECT_EQ(sm::lockKey("/k"), 0);
+    EXPECT_EQ(sm::unlockKey("/k"), 0);
 }
 
 }  // namespace

@@ -1,22 +1,24 @@
+// Timers and epoll sets on real descriptors.
 #include "nk/timer.h"
 
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/timerfd.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <ctime>
-#include <utility>
-
+#include "nk/io.h"
 #include "wait.h"
 
 namespace {
 
 using namespace nk::time;
+using nk::test::wait_readable;
 
-itimerspec setting(int fd) {
+itimerspec setting(const Timer& timer) {
     itimerspec spec{};
-    EXPECT_EQ(::timerfd_gettime(fd, &spec), 0);
+    EXPECT_EQ(::timerfd_gettime(timer.fd(), &spec), 0);
     return spec;
 }
 
@@ -26,80 +28,74 @@ TEST(Timer, DescriptorFlagsAndOwnership) {
     const int fd = first->fd();
     EXPECT_TRUE(::fcntl(fd, F_GETFD) & FD_CLOEXEC);
     EXPECT_TRUE(::fcntl(fd, F_GETFL) & O_NONBLOCK);
-    EXPECT_FALSE(first->is_running());
     EXPECT_FALSE(Timer::make(7));
-    // The last owner closes.
-    { const Timer moved = std::move(*first); }
+    { const Timer moved = std::move(*first); }  // the last owner closes
     EXPECT_EQ(first->fd(), -1);
     EXPECT_EQ(::fcntl(fd, F_GETFD), -1);
 }
 
-TEST(Timer, ZeroFirstValueFiresAtOnceThenRepeatsAndStopDisarms) {
-    std::optional<Timer> timer = Timer::make(TIMER_LOOP);
-    ASSERT_TRUE(timer && timer->start(0, 2));
-    ASSERT_TRUE(nk::test::wait_readable(timer->fd()));
-    EXPECT_EQ(timer->tick(), 1u);
-    EXPECT_TRUE(timer->is_running());
-    const itimerspec spec = setting(timer->fd());
-    EXPECT_EQ(spec.it_interval.tv_sec, 2);
-    EXPECT_EQ(spec.it_interval.tv_nsec, 0);
-    EXPECT_LE(spec.it_value.tv_sec, 2);
-
-    // Unexpired: no tick; stopping disarms.
-    ASSERT_TRUE(timer->start(60, 60));
-    EXPECT_EQ(timer->tick(), 0u);
-    EXPECT_TRUE(timer->is_running());
-    EXPECT_TRUE(timer->stop());
-    EXPECT_FALSE(timer->is_running());
-    EXPECT_EQ(setting(timer->fd()).it_interval.tv_sec, 0);
-}
-
-// The loop re-arms its timers at every turn and relies on this to keep their cadence.
-TEST(Timer, StartingAgainKeepsARunningTimerWithTheSameInterval) {
-    struct Case {
-        const char* name;
+// The loop re-arms its timers at every turn and relies on a running timer with the same
+// interval being kept, to keep its cadence.
+TEST(Timer, ZeroFirstValueFiresAtOnceUnlessRunningWithTheSameInterval) {
+    const struct {
         bool stop_first;
         long interval;
         bool fires_at_once;
-    } const cases[] = {
-        {"same interval", false, 60, false},
-        {"new interval", false, 30, true},
-        {"stopped", true, 60, true},
-    };
-    for (const Case& c : cases) {
+    } cases[] = {{false, 60, false}, {false, 30, true}, {true, 60, true}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.interval + c.stop_first);
         std::optional<Timer> timer = Timer::make(TIMER_LOOP);
         ASSERT_TRUE(timer && timer->start(60, 60));
+        EXPECT_EQ(timer->tick(), 0u);  // unexpired
         if (c.stop_first) {
             ASSERT_TRUE(timer->stop());
+            EXPECT_FALSE(timer->is_running());
+            EXPECT_EQ(setting(*timer).it_interval.tv_sec, 0);
         }
-        ASSERT_TRUE(timer->start(0, c.interval)) << c.name;
+        ASSERT_TRUE(timer->start(0, c.interval));
         if (c.fires_at_once) {
-            EXPECT_TRUE(nk::test::wait_readable(timer->fd())) << c.name;
+            EXPECT_TRUE(wait_readable(timer->fd()));
         } else {
-            EXPECT_GE(setting(timer->fd()).it_value.tv_sec, 59) << c.name;
+            EXPECT_GE(setting(*timer).it_value.tv_sec, 59);
         }
-        EXPECT_EQ(timer->tick(), c.fires_at_once ? 1u : 0u) << c.name;
-        EXPECT_EQ(setting(timer->fd()).it_interval.tv_sec, c.interval) << c.name;
+        EXPECT_EQ(timer->tick(), c.fires_at_once ? 1u : 0u);
+        EXPECT_TRUE(timer->is_running());
+        EXPECT_EQ(setting(*timer).it_interval.tv_sec, c.interval);
+        EXPECT_EQ(setting(*timer).it_interval.tv_nsec, 0);
     }
     // A one-shot timer that has fired is stopped, so it can be started again.
     std::optional<Timer> once = Timer::make(TIMER_LOOP);
-    ASSERT_TRUE(once && once->start_ms(1, 0));
-    ASSERT_TRUE(nk::test::wait_readable(once->fd()));
-    EXPECT_EQ(once->tick(), 1u);
-    ASSERT_TRUE(once->start_ms(1, 0));
-    ASSERT_TRUE(nk::test::wait_readable(once->fd()));
-    EXPECT_EQ(once->tick(), 1u);
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_TRUE(once && once->start_ms(1, 0));
+        ASSERT_TRUE(wait_readable(once->fd()));
+        EXPECT_EQ(once->tick(), 1u);
+    }
 }
 
 TEST(Timer, MillisecondTicksAccumulate) {
     std::optional<Timer> fast = Timer::make(TIMER_LOOP);
     std::optional<Timer> later = Timer::make(TIMER_LOOP);
-    ASSERT_TRUE(fast && later);
-    ASSERT_TRUE(fast->start_ms(1, 1));
-    ASSERT_TRUE(later->start_ms(20, 0));
-    ASSERT_TRUE(nk::test::wait_readable(later->fd()));
+    ASSERT_TRUE(fast && later && fast->start_ms(1, 1) && later->start_ms(20, 0));
+    ASSERT_TRUE(wait_readable(later->fd()));
     // Armed first with a 1 ms period, `fast` has expired at least 20 times by now.
     EXPECT_GE(fast->tick(), 20u);
+}
+
+TEST(Epoll, AddTwiceDeleteAbsentAndReadiness) {
+    const nk::io::unique_fd set(::epoll_create1(EPOLL_CLOEXEC));
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    const nk::io::unique_fd rd(ends[0]), wr(ends[1]);
+    epoll_event event{};
+    ASSERT_EQ(nk::io::epoll_set_fd_ro(set.get(), rd.get()), 0);
+    EXPECT_EQ(nk::io::epoll_set_fd_ro(set.get(), rd.get()), 0);
+    EXPECT_EQ(::epoll_wait(set.get(), &event, 1, 0), 0);
+    ASSERT_EQ(::write(wr.get(), "x", 1), 1);
+    ASSERT_EQ(::epoll_wait(set.get(), &event, 1, 0), 1);
+    EXPECT_EQ(event.data.fd, rd.get());
+    EXPECT_EQ(nk::io::epoll_del_fd(set.get(), rd.get()), 0);
+    EXPECT_EQ(::epoll_wait(set.get(), &event, 1, 0), 0);
+    EXPECT_EQ(nk::io::epoll_del_fd(set.get(), rd.get()), 0);
 }
 
 }  // namespace

@@ -1,147 +1,191 @@
+// Text helpers, the cloud's JSON answers, where settings and programs are found, and the log.
 #include "nk/util.h"
 
 #include <unistd.h>
 
+#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
+#include <regex>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "nk/constants.h"
+#include "nk/json.h"
+#include "nk/log.h"
+#include "stderr_capture.h"
+#include "table.h"
 #include "temp_dir.h"
 
 namespace {
 
 using nk::test::ScopedEnv;
-using nk::test::TempDir;
 
-TEST(Base64, Rfc4648Vectors) {
-    const std::pair<const char*, const char*> vectors[] = {
-        {"", ""},
-        {"f", "Zg=="},
-        {"fo", "Zm8="},
-        {"foo", "Zm9v"},
-        {"foob", "Zm9vYg=="},
-        {"fooba", "Zm9vYmE="},
-        {"foobar", "Zm9vYmFy"},
-    };
-    for (const auto& [plain, encoded] : vectors) {
-        SCOPED_TRACE(encoded);
-        EXPECT_EQ(nk::base64_encode(plain), encoded);
-        EXPECT_EQ(nk::base64_decode(encoded), plain);
-    }
+nk::test::Table cases(const char* name) {
+    return {NK_TEST_DATA "/util.json", name};
 }
 
-TEST(Base64, RejectsMalformedInput) {
-    for (const char* text : {
-             "Zg",        // missing padding
-             "Zg=",       // short padding
-             "Zm9",       // bad length
-             "Zm9vY",     // bad length
-             "Z===",      // too much padding
-             "====",      // padding only
-             "Zg==Zg==",  // padding in the middle
-             "Zm=v",      // padding inside a group
-             "Zm9v\n",    // white space
-             "Zm 9v",     // white space
-             " Zm9v",     // white space
-             "Zm9v!A==",  // bad character
-             "Zm9-",      // URL-safe alphabet is not the standard one
-             "Zm9_",      // URL-safe alphabet is not the standard one
-         }) {
-        SCOPED_TRACE(text);
-        EXPECT_FALSE(nk::base64_decode(text).has_value());
+TEST(Util, Base64) {
+    for (const auto& row : cases("base64")) {
+        EXPECT_EQ(nk::base64_encode(row.str("plain")), row.str("encoded"));
+        EXPECT_EQ(nk::base64_decode(row.str("encoded")), row.str("plain"));
     }
-    EXPECT_FALSE(nk::base64_decode(std::string("Zm9\0", 4)).has_value());
-    EXPECT_FALSE(nk::base64_decode("Zm9v\xff\xff\xff\xff").has_value());
+    for (const auto& row : cases("base64_bad"))
+        EXPECT_FALSE(nk::base64_decode(row.str())) << row.text();
 }
 
-TEST(ExtractHostname, Cleaning) {
-    const std::string long_ascii(70, 'a');
-    // 62 ASCII bytes then a 2-byte character that would end at byte 64.
-    const std::string boundary = std::string(62, 'b') + "\xc3\xa9" + "x";
-    struct Case {
-        std::string raw;
-        std::string expected;
-    };
-    for (const Case& c : {
-             Case{"laptop", "laptop"},
-             Case{"Johns-iPhone.lan", "Johns-iPhone"},  // host part, case kept
-             Case{"a.b.c", "a"},
-             Case{".hidden", ""},
-             Case{"", ""},
-             Case{"  spaced name  .home", "spaced name"},
-             Case{"tab\there\r\n", "tabhere"},
-             Case{std::string("nul\0byte", 8), "nulbyte"},
-             Case{"del\x7f"
-                  "ete",
-                  "delete"},
-             Case{"c1\xc2\x85mark", "c1mark"},    // U+0085 is a control character
-             Case{"caf\xc3\xa9", "caf\xc3\xa9"},  // valid UTF-8 kept
-             Case{"\xe6\x9d\xb1\xe4\xba\xac", "\xe6\x9d\xb1\xe4\xba\xac"},
-             Case{"bad\xff"
-                  "byte",
-                  "badbyte"},
-             Case{"lone\x80"
-                  "cont",
-                  "lonecont"},
-             Case{"cut\xc3", "cut"},                // truncated sequence
-             Case{"over\xc0\xaflong", "overlong"},  // overlong '/'
-             Case{"surr\xed\xa0\x80"
-                  "ogate",
-                  "surrogate"},
-             Case{"big\xf4\x90\x80\x80", "big"},  // above U+10FFFF
-             Case{"\x01\x02 x \x03", "x"},
-             Case{long_ascii, std::string(63, 'a')},
-             Case{boundary, std::string(62, 'b')},
-             Case{std::string(61, 'c') + "\xc3\xa9z", std::string(61, 'c') + "\xc3\xa9"},
-             Case{std::string(62, 'd') + " x", std::string(62, 'd')},  // no trailing blank
-             Case{"   " + std::string(63, 'e') + ".x", std::string(63, 'e')},
-         }) {
-        SCOPED_TRACE(c.raw);
-        const std::string name = nk::extract_hostname(c.raw);
-        EXPECT_EQ(name, c.expected);
-        EXPECT_LE(name.size(), 63u);
-    }
+TEST(Util, ExtractHostnameKeepsAtMost63BytesOfPrintableUtf8) {
+    for (const auto& row : cases("hostname"))
+        EXPECT_EQ(nk::extract_hostname(row.str("raw")), row.str("name")) << row.text();
 }
 
-TEST(InterfaceUp, LoopbackAndMissing) {
+TEST(Util, InterfaceUp) {
     EXPECT_TRUE(nk::is_interface_up("lo"));
-    EXPECT_FALSE(nk::is_interface_up("nk-no-such0"));
-    EXPECT_FALSE(nk::is_interface_up(""));
-    EXPECT_FALSE(nk::is_interface_up(std::string(40, 'x')));
-    EXPECT_FALSE(nk::is_interface_up(std::string("lo\0x", 4)));
+    for (const std::string& name :
+         {std::string("nk-no-such0"), std::string(), std::string(40, 'x'), std::string("lo\0x", 4)})
+        EXPECT_FALSE(nk::is_interface_up(name)) << name;
 }
 
-void write_value(const std::string& dir, const std::string& text) {
-    std::filesystem::create_directories(dir);
-    std::ofstream(dir + "/.value") << text;
-}
-
-TEST(LeasesMode, ReadFromSettings) {
-    const TempDir settings;
+TEST(Util, LeasesModeFromSettings) {
+    const nk::test::TempDir settings;
     const ScopedEnv env(nk::kSettingsDirEnv, settings.path());
-    EXPECT_EQ(nk::get_nkleases_mode(), 0);  // absent
+    EXPECT_EQ(nk::get_nkleases_mode(), 0);
     const std::string dir = settings.path() + std::string(nk::kLeasesModeKey);
-    write_value(dir, "1");
-    EXPECT_EQ(nk::get_nkleases_mode(), 1);
-    write_value(dir, "external");
-    EXPECT_EQ(nk::get_nkleases_mode(), 0);  // unparsable
+    std::filesystem::create_directories(dir);
+    for (const auto& [text, mode] : {std::pair{"1", 1}, std::pair{"external", 0}}) {
+        std::ofstream(dir + "/.value") << text;
+        EXPECT_EQ(nk::get_nkleases_mode(), mode) << text;
+    }
 }
 
-TEST(CommonPath, EnvironmentThenExecutableDirectory) {
-    {
-        const ScopedEnv env(nk::kLibexecDirEnv, std::string("/opt/nk/libexec"));
-        EXPECT_EQ(nk::common_path_kind1(), "/opt/nk/libexec");
-    }
+TEST(Util, CommonPathIsTheEnvironmentElseTheExecutablesDirectory) {
     const std::string self = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-    {
-        const ScopedEnv env(nk::kLibexecDirEnv, std::string());
-        EXPECT_EQ(nk::common_path_kind1(), self);
+    using Value = std::optional<std::string>;
+    for (const Value& value : {Value("/opt/nk/libexec"), Value(""), Value()}) {
+        const ScopedEnv env(nk::kLibexecDirEnv, value);
+        EXPECT_EQ(nk::common_path_kind1(), value && !value->empty() ? *value : self);
     }
-    const ScopedEnv env(nk::kLibexecDirEnv, std::nullopt);
-    EXPECT_EQ(nk::common_path_kind1(), self);
-    EXPECT_TRUE(std::filesystem::exists(nk::common_path_kind1() + "/util_test"));
+}
+
+TEST(Json, GetRecursive) {
+    const nk::json_ptr json(
+        json_loads(R"({"a": {"b": {"c": 7, "s": "x"}, "arr": [1]}, "n": null})", 0, nullptr));
+    const auto get = [&json](std::initializer_list<const char*> keys) {
+        return nk::json_dump_compact(nk::json_object_get_recursive(json.get(), keys));
+    };
+    EXPECT_EQ(get({"a", "b", "c"}), "7");
+    EXPECT_EQ(get({"n"}), "null");
+    EXPECT_EQ(get({}), nk::json_dump_compact(json.get()));
+    // Missing, through a number, a string or an array, or a null key: nothing.
+    using Keys = std::initializer_list<const char*>;
+    for (const Keys keys :
+         {Keys{"missing"}, Keys{"a", "missing", "c"}, Keys{"a", "b", "c", "d"},
+          Keys{"a", "b", "s", "d"}, Keys{"a", "arr", "0"}, Keys{"n", "x"}, Keys{"a", nullptr}})
+        EXPECT_EQ(get(keys), "");
+    EXPECT_EQ(nk::json_object_get_recursive(nullptr, {"a"}), nullptr);
+}
+
+TEST(Json, CloudAnswerStatusAndDataCode) {
+    for (const auto& row : cases("cloud_answer")) {
+        EXPECT_EQ(nk::extract_response_status(row.get("answer")), row.num("status")) << row.text();
+        EXPECT_EQ(nk::extract_error_data_code(row.get("answer")), row.num("data_code"))
+            << row.text();
+    }
+    EXPECT_EQ(nk::extract_response_status(nullptr), -1);
+    EXPECT_EQ(nk::extract_error_data_code(nullptr), -1);
+}
+
+using nk::test::StderrCapture;
+namespace lg = nk::log;
+
+class Log : public ::testing::Test {
+protected:
+    void SetUp() override { lg::set_level(lg::INFO); }
+    void TearDown() override { lg::set_level(nk::kLogLevelDefault); }
+
+    // The store is read when channels are opened: keep it private to the test.
+    nk::test::TempDir settings_;
+    ScopedEnv settings_env_{nk::kSettingsDirEnv, settings_.path()};
+};
+
+TEST_F(Log, LineFormAndLazyArguments) {
+    int evaluated = 0;
+    const auto costly = [&evaluated] { return ++evaluated; };
+    StderrCapture capture;
+    const std::time_t before = std::time(nullptr);
+    NK_LOG(lg::DEBUG, "value {}", costly());
+    const int line = __LINE__ + 1;
+    NK_LOG(lg::INFO, "hello {} {:s} {}", 42, "world", costly());
+    const std::time_t after = std::time(nullptr);
+    const std::string out = capture.text();
+    EXPECT_EQ(evaluated, 1);  // below the level nothing is formatted
+
+    const std::regex form(R"(^(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2})\.\d{3} +(\d+) +INFO )"
+                          R"(\[util_test\.cpp:(\d+)\]\[TestBody\(\)\]: hello 42 world 1\n$)");
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(out, m, form)) << out;
+    EXPECT_EQ(std::stoi(m[2]), ::getpid());
+    EXPECT_EQ(std::stoi(m[3]), line);
+    std::tm tm{};
+    std::istringstream(m[1].str()) >> std::get_time(&tm, "%Y-%m-%d %H:%M:%S");
+    tm.tm_isdst = -1;
+    EXPECT_GE(std::mktime(&tm), before);
+    EXPECT_LE(std::mktime(&tm), after);
+}
+
+TEST_F(Log, LevelFromEnvironment) {
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/util.json", "log_level_env")) {
+        const ScopedEnv env(nk::kLogLevelEnv, row.str("env"));
+        lg::init("log_test");
+        EXPECT_TRUE(lg::can_log(row.num("level"))) << row.text();
+        EXPECT_FALSE(lg::can_log(row.num("level") + 1)) << row.text();
+    }
+}
+
+TEST_F(Log, ChannelLevelFromSettings) {
+    for (const auto& [name, level] : {std::pair{"verbose", "4"}, std::pair{"bad", "9"}}) {
+        const std::string dir = settings_.path() + "/log/levels/test-" + name;
+        std::filesystem::create_directories(dir);
+        std::ofstream(dir + "/.value") << level;
+    }
+    const auto verbose = lg::open_channel("test-verbose");
+    const auto plain = lg::open_channel("test-plain");
+    const auto bad = lg::open_channel("test-bad");
+    ASSERT_TRUE(verbose && plain && bad);
+    EXPECT_NE(verbose->id, plain->id);
+    EXPECT_EQ(lg::open_channel("test-verbose")->id, verbose->id);
+    EXPECT_FALSE(lg::open_channel(""));
+
+    EXPECT_FALSE(lg::can_log(lg::default_channel(), lg::DEBUG));
+    EXPECT_TRUE(lg::can_log(*plain, lg::INFO));
+    EXPECT_FALSE(lg::can_log(*plain, lg::DEBUG));
+    EXPECT_FALSE(lg::can_log(*bad, lg::DEBUG));  // out of range falls back
+    EXPECT_FALSE(lg::can_log(lg::Channel{-1}, lg::ERROR));
+    EXPECT_FALSE(lg::can_log(lg::Channel{1000}, lg::ERROR));
+
+    StderrCapture capture;
+    NK_LOG_CH(*verbose, lg::TRACE, "from channel {}", "verbose");
+    NK_LOG_CH(*plain, lg::TRACE, "never");
+    const std::string out = capture.text();
+    EXPECT_NE(out.find(" TRACE [util_test.cpp:"), std::string::npos) << out;
+    EXPECT_NE(out.find("]: from channel verbose\n"), std::string::npos) << out;
+    EXPECT_EQ(out.find("never"), std::string::npos) << out;
+}
+
+TEST_F(Log, JsonIsCompact) {
+    const nk::json_ptr json(
+        json_pack("{s:i, s:[i,i], s:{s:s}}", "a", 1, "b", 2, 3, "c", "d", "e f"));
+    StderrCapture capture;
+    lg::log_json(lg::INFO, "answer:", json.get());
+    lg::log_json(lg::DEBUG, "hidden:", json.get());
+    const std::string out = capture.text();
+    const std::string tail = R"( INFO answer: {"a":1,"b":[2,3],"c":{"d":"e f"}})"
+                             "\n";
+    ASSERT_GE(out.size(), tail.size());
+    EXPECT_EQ(out.substr(out.size() - tail.size()), tail) << out;
+    EXPECT_EQ(out.find("hidden"), std::string::npos) << out;
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <utility>
 
 #include "wait.h"
 
@@ -114,14 +115,10 @@ int DaemonProcess::stop(int signal, std::chrono::milliseconds timeout) {
 int DaemonProcess::wait_exit(std::chrono::milliseconds timeout) {
     if (pid_ <= 0)
         return -1;
-    int status = 0;
-    if (!wait_until([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout)) {
-        return -1;
-    }
-    pid_ = 0;
+    const int status = reap(std::exchange(pid_, 0), timeout);
     if (reader_.joinable())
         reader_.join();
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return status;
 }
 
 }  // namespace nk::test

@@ -32,6 +32,11 @@ public:
     // Waits for the child to exit by itself.
     int wait_exit(std::chrono::milliseconds timeout = std::chrono::seconds(5));
     pid_t pid() const { return pid_; }
+    // True once the child closed its stderr, as it does when it exits.
+    bool ended() {
+        const std::lock_guard lock(mutex_);
+        return eof_;
+    }
 
 private:
     void read_loop(int fd);

@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -11,6 +10,7 @@
 #include <fstream>
 #include <vector>
 
+#include "daemon_process.h"
 #include "temp_dir.h"
 #include "wait.h"
 
@@ -85,28 +85,10 @@ bool TestBroker::start() {
     if (!write_config(conf))
         return false;
     ::unlink(socket_.c_str());
-    const std::vector<std::string> command = broker_command(conf);
-    std::vector<char*> argv;
-    for (const std::string& arg : command)
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid < 0)
-        return false;
-    if (pid == 0) {
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
-    }
-    pid_ = pid;
-    const bool up = wait_until([&] {
-        int status = 0;
-        if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = 0;
-            return true;  // died: give up at once
-        }
-        return accepts(socket_);
-    });
-    if (!up || pid_ == 0) {
+    process_ = std::make_unique<DaemonProcess>();
+    // A broker that dies at once (a bad config) gives up the wait at once too.
+    if (!process_->start(broker_command(conf)) ||
+        !wait_until([&] { return process_->ended() || accepts(socket_); }) || process_->ended()) {
         stop();
         return false;
     }
@@ -114,15 +96,10 @@ bool TestBroker::start() {
 }
 
 void TestBroker::stop() {
-    if (pid_ <= 0)
+    if (!process_)
         return;
-    ::kill(pid_, SIGTERM);
-    int status = 0;
-    if (!wait_until([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, 3s)) {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, &status, 0);
-    }
-    pid_ = 0;
+    process_->stop(SIGTERM, 3s);
+    process_.reset();
     ::unlink(socket_.c_str());
 }
 

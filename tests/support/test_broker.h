@@ -1,11 +1,10 @@
 // A private Mosquitto broker on a unix socket in a scratch directory.
 #pragma once
 
-#include <sys/types.h>
-
 #include <memory>
 #include <string>
 
+#include "daemon_process.h"
 #include "temp_dir.h"
 
 namespace nk::test {
@@ -27,7 +26,7 @@ public:
     // SIGTERM, then reaps; a no-op when not running.
     void stop();
     bool restart();
-    bool running() const { return pid_ > 0; }
+    bool running() const { return process_ != nullptr; }
 
     const std::string& socket_path() const { return socket_; }
     // The NKEX_BROKER form: "unix:<socket>".
@@ -41,7 +40,7 @@ private:
     std::string dir_;
     std::string socket_;
     std::string accounts_dir_;
-    pid_t pid_ = 0;
+    std::unique_ptr<DaemonProcess> process_;
 };
 
 }  // namespace nk::test

@@ -1,6 +1,9 @@
 #include "wait.h"
 
 #include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <thread>
 
@@ -20,6 +23,23 @@ bool wait_readable(int fd, std::chrono::milliseconds timeout) {
     pollfd p{fd, POLLIN, 0};
     return ::poll(&p, 1, static_cast<int>(timeout.count())) == 1 &&
            (p.revents & (POLLIN | POLLHUP));
+}
+
+int reap(pid_t pid, std::chrono::milliseconds timeout) {
+    int status = 0;
+    if (!wait_until([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout)) {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, &status, 0);
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+int in_child(const std::function<int()>& body, std::chrono::milliseconds timeout) {
+    const pid_t pid = ::fork();
+    if (pid == 0)
+        ::_exit(body());
+    return pid < 0 ? -1 : reap(pid, timeout);
 }
 
 }  // namespace nk::test

@@ -1,6 +1,8 @@
 // Waiting for an event with a deadline instead of sleeping a fixed time.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <functional>
 
@@ -13,5 +15,12 @@ bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds tim
 
 // True when fd became readable (or hung up) within the time-out.
 bool wait_readable(int fd, std::chrono::milliseconds timeout = 5s);
+
+// Reaps a child: its exit status (128 + signal when killed), or -1 when it had to be killed
+// at the deadline.
+int reap(pid_t pid, std::chrono::milliseconds timeout = 5s);
+
+// Runs `body` in a forked child and reaps it; the status body returned.
+int in_child(const std::function<int()>& body, std::chrono::milliseconds timeout = 5s);
 
 }  // namespace nk::test
