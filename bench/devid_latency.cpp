@@ -477,6 +477,14 @@ bool number(const char* text, long& value) {
     return errno == 0 && end != text && *end == '\0';
 }
 
+const char* name_of(const option* options, int c) {
+    for (; options->name != nullptr; ++options) {
+        if (options->val == c)
+            return options->name;
+    }
+    return "?";
+}
+
 std::optional<Options> parse(int argc, char** argv) {
     static const option kLong[] = {
         {"mix", required_argument, nullptr, 'x'},     {"rate", required_argument, nullptr, 'r'},
@@ -496,7 +504,7 @@ std::optional<Options> parse(int argc, char** argv) {
         const bool numeric = c == 'r' || c == 's' || c == 'b' || c == 'p';
         if (numeric && !number(optarg, value))
             return usage_error(
-                fmt::format("{} wants a number, not '{}'", argv[optind - 1], optarg));
+                fmt::format("--{} wants a number, not '{}'", name_of(kLong, c), optarg));
         switch (c) {
             case 'x':
                 if (std::string(optarg) == "latency")
