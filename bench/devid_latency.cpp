@@ -557,7 +557,7 @@ std::optional<Options> parse(int argc, char** argv) {
                 fmt::print("{}", kUsage);
                 std::exit(0);
             case 'V':
-                fmt::print("devid_latency 2\n");
+                fmt::print("devid_latency {}\n", NK_VERSION);
                 std::exit(0);
             case ':':
                 return usage_error(fmt::format("{} needs a value", argv[optind - 1]));
