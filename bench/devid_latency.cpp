@@ -1,53 +1,112 @@
-// Latency of the daemon's answers to "request_device_id", against the floor of the same
-// requests answered at once by a responder of its own on the same broker.
-//   devid_latency [--rate N] [--seconds S] [--burst N] [--known FILE] [--lan A.B.C]
-//                 [--box-mac MAC] [--pid PID] [--json]
-// FILE lists one known client a line, "MAC IP". The mix: 8 in 10 known clients, 1 in 10 of
-// 256 clients the daemon does not know yet (each registered at its first request), 1 in 10
-// invalid (the BOX's MAC, an address outside the LAN, a malformed MAC). The bus is
-// $NKEX_BROKER; a request counts as unanswered after $NKEX_TIMEOUT_MS.
+// Load of "request_device_id" on the daemon, in one of two mixes.
+//
+// --mix latency (the default): RATE requests a second for S seconds, first to a responder of its
+// own on the same broker that answers at once (the floor), then to the daemon, then, with
+// --burst N, three bursts of N at once; the figures are the answers' latency percentiles, for
+// the whole run and for each kind of request. In 10 requests: 8 for known clients, 1 for 256
+// clients the daemon does not know yet (each registered at its first request), 1 invalid (the
+// BOX's MAC, an address outside the LAN, a malformed MAC).
+//
+// --mix soak: a steady RATE requests a second until SIGINT/SIGTERM (or --seconds), as the
+// nkdevices account, for long runs (scripts/soak); then it waits for every answer or time-out
+// and writes, per second of sending, how many were sent and what became of them (--out), and
+// each request without an answer (--lost), so that the run's script judges the seconds it
+// chooses. In 20 requests: 16 for known clients (FILE is read again whenever it changes), 2 for
+// 64 MACs the LAN does not have (temporary ids), 2 invalid (the BOX's MAC, a malformed MAC, an
+// empty MAC, an address outside the LAN).
+//
+// FILE lists one known client a line, "MAC IP". The bus is $NKEX_BROKER; a request counts as
+// unanswered after $NKEX_TIMEOUT_MS.
 #include <getopt.h>
+#include <sys/stat.h>
 #include <sysexits.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <deque>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
+#include <fmt/os.h>
 #include <fmt/ranges.h>
 #include <nk/log.h>
 #include <nk/nkex.h>
 
-#include "device_id_requests.h"
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr const char* kUsage =
+    "usage: devid_latency [--mix latency|soak] [--rate N] [--seconds S] [--known FILE]\n"
+    "                     [--lan A.B.C] [--box-mac MAC] [--pid PID] [--json]\n"
+    "                     [--burst N]                  (latency)\n"
+    "                     [--out FILE] [--lost FILE]   (soak)\n";
+
+enum class Mix { Latency, Soak };
 
 struct Options {
-    int rate = 1000;
-    int seconds = 30;
+    Mix mix = Mix::Latency;
+    int rate = 0;       // 0: the mix's default
+    long seconds = -1;  // -1: the mix's default; 0 (soak only): until a signal
     int burst = 0;
     std::string known_file;
-    std::string lan = "192.0.2";
-    std::string box_mac = "02:fc:00:00:00:01";
+    std::string lan;
+    std::string box_mac;
     long pid = 0;
     bool json = false;
+    std::string out;
+    std::string lost;
 };
 
-struct Request {
-    std::string name;
-    std::string payload;
-};
+using Clients = std::vector<std::pair<std::string, std::string>>;
+
+// "MAC IP" a line.
+Clients read_clients(const std::string& file) {
+    Clients clients;
+    std::ifstream in(file);
+    std::string mac;
+    std::string ip;
+    while (in >> mac >> ip)
+        clients.emplace_back(mac, ip);
+    return clients;
+}
+
+std::string device_id_request(const std::string& mac, const std::string& ip) {
+    return fmt::format(R"({{"mac": "{}", "ip": "{}"}})", mac, ip);
+}
+
+long rss_kib(long pid) {
+    if (pid <= 0)
+        return -1;
+    std::ifstream in(fmt::format("/proc/{}/status", pid));
+    std::string key;
+    while (in >> key) {
+        if (key == "VmRSS:") {
+            long kib = -1;
+            in >> kib;
+            return kib;
+        }
+        in.ignore(1 << 12, '\n');
+    }
+    return -1;
+}
+
+// --- The latency mix ---
 
 // One run's requests and what became of them; the callbacks write their slot only.
 struct Run {
@@ -64,7 +123,7 @@ struct Run {
 
 Run* g_run = nullptr;
 
-void on_answer(void* context, const Message* response) {
+void on_latency_answer(void* context, const Message* response) {
     const auto i = reinterpret_cast<std::uintptr_t>(context);
     g_run->answered[i] = Clock::now();
     g_run->state[i] = std::string(response->status) == NKEX_STATUS_OK ? 1 : 2;
@@ -89,8 +148,7 @@ Kind kind_of(std::size_t i, bool have_known) {
     return slot == 8 || !have_known ? kUnknown : kInvalid;
 }
 
-std::vector<std::string> make_payloads(const Options& o, std::size_t n) {
-    const auto known = nk::bench::read_clients(o.known_file);
+std::vector<std::string> latency_payloads(const Options& o, const Clients& known, std::size_t n) {
     std::vector<std::string> out;
     out.reserve(n);
     for (std::size_t i = 0; i < n; ++i) {
@@ -110,25 +168,9 @@ std::vector<std::string> make_payloads(const Options& o, std::size_t n) {
             mac = kind == 0 ? o.box_mac : kind == 1 ? "02:cc:00:00:00:01" : "zz:zz";
             ip = kind == 1 ? "203.0.113.7" : fmt::format("{}.9", o.lan);
         }
-        out.push_back(nk::bench::device_id_request(mac, ip));
+        out.push_back(device_id_request(mac, ip));
     }
     return out;
-}
-
-long rss_kib(long pid) {
-    if (pid <= 0)
-        return -1;
-    std::ifstream in(fmt::format("/proc/{}/status", pid));
-    std::string key;
-    while (in >> key) {
-        if (key == "VmRSS:") {
-            long kib = -1;
-            in >> kib;
-            return kib;
-        }
-        in.ignore(1 << 12, '\n');
-    }
-    return -1;
 }
 
 struct Figures {
@@ -170,7 +212,7 @@ std::vector<Figures> measure(nkex_handle* bus, const char* name,
         if (rate > 0)
             std::this_thread::sleep_until(start + step * static_cast<long>(i));
         run.sent[i] = Clock::now();
-        if (nkex_send_request(bus, name, payloads[i].data(), payloads[i].size(), on_answer,
+        if (nkex_send_request(bus, name, payloads[i].data(), payloads[i].size(), on_latency_answer,
                               reinterpret_cast<void*>(static_cast<std::uintptr_t>(i))) != 0) {
             run.state[i] = 2;
             ++run.done;
@@ -178,7 +220,7 @@ std::vector<Figures> measure(nkex_handle* bus, const char* name,
     }
     // Every request ends: answered, or failed at the bus's time-out.
     while (run.done < payloads.size())
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        std::this_thread::sleep_for(10ms);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     std::vector<double> all;
     std::vector<std::vector<double>> by_kind(3);
@@ -219,25 +261,274 @@ void report(const std::vector<Figures>& figures, bool json) {
     }
 }
 
+int run_latency(const Options& o) {
+    const std::string me = fmt::format("devid-bench-{}", ::getpid());
+    const nk::nkex_ptr asker(nkex_init(me.c_str(), nullptr, nullptr, 1));
+    nk::nkex_ptr floor;
+    floor.reset(nkex_init((me + "-floor").c_str(), answer_at_once, &floor, 1));
+    const char* floor_name[] = {"bench_request_device_id"};
+    if (!asker || !floor || nkex_subscribe(floor.get(), floor_name, 1) != 0) {
+        fmt::print(stderr, "devid_latency: no bus\n");
+        return 1;
+    }
+    const Clients known = read_clients(o.known_file);
+    const bool have_known = !known.empty();
+    const std::vector<std::string> payloads =
+        latency_payloads(o, known, static_cast<std::size_t>(o.rate) * o.seconds);
+
+    report(measure(asker.get(), floor_name[0], payloads, o.rate, "floor", have_known), o.json);
+    const long before = rss_kib(o.pid);
+    report(measure(asker.get(), "request_device_id", payloads, o.rate, "daemon", have_known),
+           o.json);
+    const long after = rss_kib(o.pid);
+    // Three bursts: the memory a burst takes must be taken again, not added to.
+    std::vector<long> burst_rss;
+    for (int round = 0; o.burst > 0 && round < 3; ++round) {
+        const std::vector<std::string> burst(
+            payloads.begin(), payloads.begin() + std::min<std::size_t>(o.burst, payloads.size()));
+        report(measure(asker.get(), "request_device_id", burst, 0,
+                       fmt::format("burst{}", round + 1), have_known),
+               o.json);
+        burst_rss.push_back(rss_kib(o.pid));
+    }
+    if (o.pid > 0) {
+        if (o.json)
+            fmt::print(R"({{"rss_kib_before": {}, "rss_kib_after": {}, "rss_kib_bursts": [{}]}})"
+                       "\n",
+                       before, after, fmt::join(burst_rss, ", "));
+        else
+            fmt::print("daemon RSS: {} KiB before, {} KiB after the run, after each burst {} KiB\n",
+                       before, after, fmt::join(burst_rss, ", "));
+    }
+    return 0;
+}
+
+// --- The soak mix ---
+
+enum Outcome : int { kWaiting, kAnswered, kFailed, kTimedOut, kNotSent };
+constexpr const char* kOutcomeNames[] = {"waiting", "answered", "failed", "timeout", "not-sent"};
+
+struct Request {
+    std::int64_t epoch_ms = 0;
+    std::string payload;
+    std::atomic<int> outcome{kWaiting};
+};
+
+std::atomic<bool> g_stop{false};
+std::atomic<std::size_t> g_open{0};
+
+void on_signal(int) {
+    g_stop = true;
+}
+
+void on_soak_answer(void* context, const Message* response) {
+    auto* request = static_cast<Request*>(context);
+    const std::string status(response->status);
+    request->outcome = status == NKEX_STATUS_OK        ? kAnswered
+                       : status == NKEX_STATUS_TIMEOUT ? kTimedOut
+                                                       : kFailed;
+    --g_open;
+}
+
+std::int64_t epoch_ms() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+// The clients' list, read again when the file's modification time changes: the LAN's clients
+// come and go during a soak.
+class Targets {
+public:
+    explicit Targets(std::string file) : file_(std::move(file)) {}
+
+    const Clients& current() {
+        struct stat st {};
+        if (file_.empty() || ::stat(file_.c_str(), &st) != 0)
+            return list_;
+        if (st.st_mtim.tv_sec == seen_.tv_sec && st.st_mtim.tv_nsec == seen_.tv_nsec)
+            return list_;
+        seen_ = st.st_mtim;
+        list_ = read_clients(file_);
+        return list_;
+    }
+
+private:
+    std::string file_;
+    timespec seen_{};
+    Clients list_;
+};
+
+std::string soak_payload(std::size_t i, Targets& targets, const Options& o) {
+    const std::size_t slot = i % 20;
+    const Clients& clients = targets.current();
+    std::string mac;
+    std::string ip;
+    if (slot < 16 && !clients.empty()) {
+        const auto& c = clients[(i / 20 * 16 + slot) % clients.size()];
+        mac = c.first;
+        ip = c.second;
+    } else if (slot == 19) {
+        static const char* const kBadMacs[] = {"zz:zz", ""};
+        const std::size_t k = (i / 20) % 4;
+        mac = k == 2 ? o.box_mac : k == 3 ? "02:cc:00:00:00:01" : kBadMacs[k];
+        ip = k == 3 ? "203.0.113.7" : fmt::format("{}.{}", o.lan, 50 + k);
+    } else {
+        const std::size_t u = (i / 20 * 3 + slot) % 64;
+        mac = fmt::format("02:bb:00:00:00:{:02x}", u);
+        ip = fmt::format("{}.{}", o.lan, 20 + u);
+    }
+    return device_id_request(mac, ip);
+}
+
+// One line a second of sending: epoch second, sent, answered, failed, timed out, not sent.
+void write_seconds(const std::deque<Request>& requests, const std::string& file) {
+    std::map<std::int64_t, std::array<long, 5>> seconds;
+    for (const Request& r : requests) {
+        std::array<long, 5>& s = seconds[r.epoch_ms / 1000];
+        ++s[0];
+        const int outcome = r.outcome;
+        if (outcome != kWaiting)
+            ++s[outcome];
+    }
+    auto out = fmt::output_file(file);
+    for (const auto& [second, s] : seconds)
+        out.print("{} {} {} {} {} {}\n", second, s[0], s[kAnswered], s[kFailed], s[kTimedOut],
+                  s[kNotSent]);
+}
+
+// Every request without an answer: epoch ms, outcome, payload.
+void write_lost(const std::deque<Request>& requests, const std::string& file) {
+    auto out = fmt::output_file(file);
+    for (const Request& r : requests) {
+        const int outcome = r.outcome;
+        if (outcome != kAnswered)
+            out.print("{} {} {}\n", r.epoch_ms, kOutcomeNames[outcome], r.payload);
+    }
+}
+
+int run_soak(const Options& o) {
+    std::signal(SIGINT, on_signal);
+    std::signal(SIGTERM, on_signal);
+    // The tools' account: its answers come back on nkex/rsp/nkdevices-PID.
+    const std::string me = fmt::format("nkdevices-{}", ::getpid());
+    const nk::nkex_ptr bus(nkex_init(me.c_str(), nullptr, nullptr, 1));
+    if (!bus) {
+        fmt::print(stderr, "devid_latency: no bus\n");
+        return 1;
+    }
+    Targets targets(o.known_file);
+    std::deque<Request> requests;  // a deque keeps the callbacks' pointers valid as it grows
+    const auto step = std::chrono::nanoseconds(1000000000LL / o.rate);
+    const long before = rss_kib(o.pid);
+    const Clock::time_point start = Clock::now();
+    const std::size_t limit = o.seconds > 0 ? static_cast<std::size_t>(o.rate * o.seconds) : 0;
+    for (std::size_t i = 0; !g_stop && (limit == 0 || i < limit); ++i) {
+        std::this_thread::sleep_until(start + step * static_cast<long>(i));
+        Request& r = requests.emplace_back();
+        r.payload = soak_payload(i, targets, o);
+        r.epoch_ms = epoch_ms();
+        ++g_open;
+        if (nkex_send_request(bus.get(), "request_device_id", r.payload.data(), r.payload.size(),
+                              on_soak_answer, &r) != 0) {
+            r.outcome = kNotSent;
+            --g_open;
+        }
+    }
+    // Every request ends, answered or at the bus's time-out.
+    while (g_open > 0)
+        std::this_thread::sleep_for(50ms);
+    const long after = rss_kib(o.pid);
+    long counts[5] = {};
+    for (const Request& r : requests)
+        ++counts[r.outcome];
+    if (!o.out.empty())
+        write_seconds(requests, o.out);
+    if (!o.lost.empty())
+        write_lost(requests, o.lost);
+    if (o.json) {
+        fmt::print(R"({{"run": "soak", "sent": {}, "answered": {}, "failed": {}, "timeout": {}, )"
+                   R"("not_sent": {})",
+                   requests.size(), counts[kAnswered], counts[kFailed], counts[kTimedOut],
+                   counts[kNotSent]);
+        if (o.pid > 0)
+            fmt::print(R"(, "rss_kib_before": {}, "rss_kib_after": {})", before, after);
+        fmt::print("}}\n");
+        return 0;
+    }
+    fmt::print("sent {} answered {} failed {} timeout {} not-sent {}\n", requests.size(),
+               counts[kAnswered], counts[kFailed], counts[kTimedOut], counts[kNotSent]);
+    if (o.pid > 0)
+        fmt::print("daemon RSS: {} KiB before, {} KiB after the run\n", before, after);
+    return 0;
+}
+
+// --- Command line ---
+
+std::optional<Options> usage_error(const std::string& what) {
+    fmt::print(stderr, "devid_latency: {}\n{}", what, kUsage);
+    return std::nullopt;
+}
+
+bool number(const char* text, long& value) {
+    char* end = nullptr;
+    errno = 0;
+    value = std::strtol(text, &end, 10);
+    return errno == 0 && end != text && *end == '\0';
+}
+
+const char* name_of(const option* options, int c) {
+    for (; options->name != nullptr; ++options) {
+        if (options->val == c)
+            return options->name;
+    }
+    return "?";
+}
+
 std::optional<Options> parse(int argc, char** argv) {
     static const option kLong[] = {
-        {"rate", required_argument, nullptr, 'r'},  {"seconds", required_argument, nullptr, 's'},
-        {"burst", required_argument, nullptr, 'b'}, {"known", required_argument, nullptr, 'k'},
-        {"lan", required_argument, nullptr, 'l'},   {"box-mac", required_argument, nullptr, 'm'},
-        {"pid", required_argument, nullptr, 'p'},   {"json", no_argument, nullptr, 'j'},
-        {"help", no_argument, nullptr, 'h'},        {nullptr, 0, nullptr, 0}};
+        {"mix", required_argument, nullptr, 'x'},     {"rate", required_argument, nullptr, 'r'},
+        {"seconds", required_argument, nullptr, 's'}, {"burst", required_argument, nullptr, 'b'},
+        {"known", required_argument, nullptr, 'k'},   {"lan", required_argument, nullptr, 'l'},
+        {"box-mac", required_argument, nullptr, 'm'}, {"pid", required_argument, nullptr, 'p'},
+        {"out", required_argument, nullptr, 'o'},     {"lost", required_argument, nullptr, 'L'},
+        {"json", no_argument, nullptr, 'j'},          {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},       {nullptr, 0, nullptr, 0}};
     Options o;
+    std::vector<std::string> latency_only;
+    std::vector<std::string> soak_only;
+    opterr = 0;
     int c = 0;
-    while ((c = ::getopt_long(argc, argv, "h", kLong, nullptr)) != -1) {
+    while ((c = ::getopt_long(argc, argv, ":hV", kLong, nullptr)) != -1) {
+        long value = 0;
+        const bool numeric = c == 'r' || c == 's' || c == 'b' || c == 'p';
+        if (numeric && !number(optarg, value))
+            return usage_error(
+                fmt::format("--{} wants a number, not '{}'", name_of(kLong, c), optarg));
         switch (c) {
+            case 'x':
+                if (std::string(optarg) == "latency")
+                    o.mix = Mix::Latency;
+                else if (std::string(optarg) == "soak")
+                    o.mix = Mix::Soak;
+                else
+                    return usage_error(fmt::format("no mix '{}' (latency or soak)", optarg));
+                break;
             case 'r':
-                o.rate = std::atoi(optarg);
+                if (value <= 0 || value > 1000000)
+                    return usage_error("--rate must be from 1 to 1000000");
+                o.rate = static_cast<int>(value);
                 break;
             case 's':
-                o.seconds = std::atoi(optarg);
+                if (value < 0)
+                    return usage_error("--seconds must not be negative");
+                o.seconds = value;
                 break;
             case 'b':
-                o.burst = std::atoi(optarg);
+                if (value < 0 || value > 10000000)
+                    return usage_error("--burst must be from 0 to 10000000");
+                o.burst = static_cast<int>(value);
+                latency_only.emplace_back("--burst");
                 break;
             case 'k':
                 o.known_file = optarg;
@@ -249,24 +540,49 @@ std::optional<Options> parse(int argc, char** argv) {
                 o.box_mac = optarg;
                 break;
             case 'p':
-                o.pid = std::atol(optarg);
+                o.pid = value;
+                break;
+            case 'o':
+                o.out = optarg;
+                soak_only.emplace_back("--out");
+                break;
+            case 'L':
+                o.lost = optarg;
+                soak_only.emplace_back("--lost");
                 break;
             case 'j':
                 o.json = true;
                 break;
             case 'h':
-                fmt::print(
-                    "usage: devid_latency [--rate N] [--seconds S] [--burst N] "
-                    "[--known FILE] [--lan A.B.C] [--box-mac MAC] [--pid PID] [--json]\n");
+                fmt::print("{}", kUsage);
                 std::exit(0);
+            case 'V':
+                fmt::print("devid_latency {}\n", NK_VERSION);
+                std::exit(0);
+            case ':':
+                return usage_error(fmt::format("{} needs a value", argv[optind - 1]));
             default:
-                return std::nullopt;
+                return usage_error(fmt::format("unknown option '{}'", argv[optind - 1]));
         }
     }
-    if (o.rate <= 0 || o.seconds <= 0 || o.burst < 0 || optind != argc) {
-        fmt::print(stderr, "devid_latency: --rate and --seconds must be positive, no operands\n");
-        return std::nullopt;
-    }
+    if (optind != argc)
+        return usage_error(fmt::format("no operands are taken ('{}')", argv[optind]));
+    const bool soak = o.mix == Mix::Soak;
+    const std::vector<std::string>& foreign = soak ? latency_only : soak_only;
+    if (!foreign.empty())
+        return usage_error(
+            fmt::format("{} is not for the {} mix", foreign.front(), soak ? "soak" : "latency"));
+    // Each mix's defaults are those its runs were made with.
+    if (o.rate == 0)
+        o.rate = soak ? 200 : 1000;
+    if (o.seconds < 0)
+        o.seconds = soak ? 0 : 30;
+    if (o.seconds == 0 && !soak)
+        return usage_error("--seconds must be positive for the latency mix");
+    if (o.lan.empty())
+        o.lan = soak ? "198.51.100" : "192.0.2";
+    if (o.box_mac.empty())
+        o.box_mac = soak ? "02:00:00:00:01:01" : "02:fc:00:00:00:01";
     return o;
 }
 
@@ -277,42 +593,5 @@ int main(int argc, char** argv) {
     if (!o)
         return EX_USAGE;
     nk::log::set_level(nk::log::WARN);
-    const std::string me = fmt::format("devid-bench-{}", ::getpid());
-    const nk::nkex_ptr asker(nkex_init(me.c_str(), nullptr, nullptr, 1));
-    nk::nkex_ptr floor;
-    floor.reset(nkex_init((me + "-floor").c_str(), answer_at_once, &floor, 1));
-    const char* floor_name[] = {"bench_request_device_id"};
-    if (!asker || !floor || nkex_subscribe(floor.get(), floor_name, 1) != 0) {
-        fmt::print(stderr, "devid_latency: no bus\n");
-        return 1;
-    }
-    const std::vector<std::string> payloads =
-        make_payloads(*o, static_cast<std::size_t>(o->rate) * o->seconds);
-
-    const bool have_known = !nk::bench::read_clients(o->known_file).empty();
-    report(measure(asker.get(), floor_name[0], payloads, o->rate, "floor", have_known), o->json);
-    const long before = rss_kib(o->pid);
-    report(measure(asker.get(), "request_device_id", payloads, o->rate, "daemon", have_known),
-           o->json);
-    const long after = rss_kib(o->pid);
-    // Three bursts: the memory a burst takes must be taken again, not added to.
-    std::vector<long> burst_rss;
-    for (int round = 0; o->burst > 0 && round < 3; ++round) {
-        const std::vector<std::string> burst(
-            payloads.begin(), payloads.begin() + std::min<std::size_t>(o->burst, payloads.size()));
-        report(measure(asker.get(), "request_device_id", burst, 0,
-                       fmt::format("burst{}", round + 1), have_known),
-               o->json);
-        burst_rss.push_back(rss_kib(o->pid));
-    }
-    if (o->pid > 0) {
-        if (o->json)
-            fmt::print(R"({{"rss_kib_before": {}, "rss_kib_after": {}, "rss_kib_bursts": [{}]}})"
-                       "\n",
-                       before, after, fmt::join(burst_rss, ", "));
-        else
-            fmt::print("daemon RSS: {} KiB before, {} KiB after the run, after each burst {} KiB\n",
-                       before, after, fmt::join(burst_rss, ", "));
-    }
-    return 0;
+    return o->mix == Mix::Soak ? run_soak(*o) : run_latency(*o);
 }
