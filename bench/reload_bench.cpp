@@ -17,9 +17,9 @@
 #include <nk/log.h>
 #include <nk/setmgmt.h>
 
-#include "globals.h"
+#include "daemon_state.h"
+#include "device_storage.h"
 #include "storage_backlog.h"
-#include "storage_helpers.h"
 
 namespace {
 

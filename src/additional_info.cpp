@@ -9,7 +9,7 @@
 #include <nk/log.h>
 
 #include "cloud_request.h"
-#include "globals.h"
+#include "daemon_state.h"
 #include "utils.h"
 
 namespace {

@@ -9,8 +9,8 @@
 #include <nk/nkerrno.h>
 
 #include "additional_info.h"
-#include "globals.h"
-#include "storage_helpers.h"
+#include "daemon_state.h"
+#include "device_storage.h"
 #include "utils.h"
 
 const nk::path Device::base_key{"/devices"};

@@ -11,12 +11,12 @@
 #include <nk/log.h>
 
 #include "additional_info.h"
+#include "daemon_state.h"
 #include "device.h"
 #include "device_id_answers.h"
-#include "globals.h"
+#include "device_storage.h"
 #include "network_info.h"
 #include "rotated_macs.h"
-#include "storage_helpers.h"
 #include "subprocess_messages.h"
 #include "utils.h"
 #include "waiting_answers.h"

@@ -9,13 +9,13 @@
 #include <nk/json.h>
 #include <nk/log.h>
 
+#include "bus_event_handlers.h"
+#include "daemon_state.h"
 #include "device.h"
-#include "globals.h"
+#include "device_storage.h"
 #include "leases.h"
 #include "network_info.h"
-#include "nkex_callbacks.h"
 #include "rotated_macs.h"
-#include "storage_helpers.h"
 #include "subprocess_messages.h"
 #include "utils.h"
 #include "waiting_answers.h"

@@ -28,15 +28,15 @@
 #include <nk/util.h>
 
 #include "additional_info.h"
+#include "bus_event_handlers.h"
+#include "daemon_state.h"
+#include "device_storage.h"
 #include "event_processors.h"
-#include "globals.h"
 #include "network_info.h"
-#include "nkex_callbacks.h"
 #include "onbox_guardian.h"
 #include "rotated_macs.h"
 #include "service_info.h"
 #include "storage_backlog.h"
-#include "storage_helpers.h"
 #include "stored_answers.h"
 #include "subprocess_messages.h"
 #include "utils.h"

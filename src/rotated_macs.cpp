@@ -4,7 +4,7 @@
 
 #include <nk/log.h>
 
-#include "globals.h"
+#include "daemon_state.h"
 #include "utils.h"
 
 namespace {

@@ -7,8 +7,8 @@
 #include <nk/log.h>
 
 #include "additional_info.h"
+#include "daemon_state.h"
 #include "device.h"
-#include "globals.h"
 
 namespace {
 

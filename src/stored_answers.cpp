@@ -5,8 +5,8 @@
 
 #include <nk/log.h>
 
+#include "daemon_state.h"
 #include "device_id_answers.h"
-#include "globals.h"
 #include "utils.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <nk/log.h>
 #include <nk/util.h>
 
-#include "globals.h"
+#include "daemon_state.h"
 
 std::unique_ptr<nk::Subprocess> g_subprocess;
 

@@ -13,8 +13,8 @@
 #include <nk/nkex.h>
 #include <nk/setmgmt.h>
 
-#include "globals.h"
-#include "nkex_callbacks.h"
+#include "bus_event_handlers.h"
+#include "daemon_state.h"
 #include "queue_limits.h"
 
 std::unordered_map<std::string, std::string> g_temporary_device_ids;

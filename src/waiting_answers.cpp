@@ -8,8 +8,8 @@
 
 #include <nk/nkex.h>
 
+#include "daemon_state.h"
 #include "event_processors.h"
-#include "globals.h"
 #include "stored_answers.h"
 #include "subprocess_messages.h"
 

@@ -18,7 +18,7 @@
 
 #include "cloud_request.h"
 #include "daemon_process.h"
-#include "globals.h"
+#include "daemon_state.h"
 #include "stderr_capture.h"
 #include "temp_dir.h"
 #include "test_broker.h"

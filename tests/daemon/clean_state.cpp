@@ -5,7 +5,7 @@
 #include <limits>
 #include <memory>
 
-#include "globals.h"
+#include "daemon_state.h"
 #include "network_info.h"
 #include "rotated_macs.h"
 #include "storage_backlog.h"

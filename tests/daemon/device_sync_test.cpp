@@ -1,6 +1,6 @@
 // The device list loaded from the cloud, reconciled with storage, and fields refreshed: against
 // the cloud emulator, and a scripted connector for answers the emulator never gives.
-#include "storage_helpers.h"
+#include "device_storage.h"
 
 #include <signal.h>
 #include <sys/stat.h>
@@ -19,7 +19,7 @@
 
 #include "cloud_request.h"
 #include "daemon_process.h"
-#include "globals.h"
+#include "daemon_state.h"
 #include "stderr_capture.h"
 #include "test_broker.h"
 

@@ -11,7 +11,7 @@
 #include <nk/nkerrno.h>
 #include <nk/setmgmt.h>
 
-#include "globals.h"
+#include "daemon_state.h"
 #include "stderr_capture.h"
 #include "temp_dir.h"
 

@@ -15,10 +15,10 @@
 #include <nk/log.h>
 #include <nk/util.h>
 
+#include "bus_event_handlers.h"
+#include "daemon_state.h"
 #include "dhcp_captures.h"
-#include "globals.h"
 #include "network_info.h"
-#include "nkex_callbacks.h"
 #include "stderr_capture.h"
 #include "temp_dir.h"
 #include "test_broker.h"

@@ -15,16 +15,16 @@
 #include <nk/constants.h>
 
 #include "additional_info.h"
+#include "bus_event_handlers.h"
 #include "cloud_request.h"
+#include "device_storage.h"
 #include "event_processors.h"
 #include "network_info.h"
-#include "nkex_callbacks.h"
 #include "queue_limits.h"
 #include "rotated_macs.h"
 #include "scripted_cloud.h"
 #include "service_info.h"
 #include "stderr_capture.h"
-#include "storage_helpers.h"
 #include "subprocess_messages.h"
 #include "utils.h"
 #include "wait.h"

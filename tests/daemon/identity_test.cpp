@@ -14,9 +14,9 @@
 #include <nk/log.h>
 #include <nk/setmgmt.h>
 
-#include "globals.h"
+#include "daemon_state.h"
+#include "device_storage.h"
 #include "stderr_capture.h"
-#include "storage_helpers.h"
 #include "temp_dir.h"
 #include "test_broker.h"
 #include "utils.h"

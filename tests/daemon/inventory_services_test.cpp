@@ -8,7 +8,7 @@
 #include <nk/constants.h>
 #include <nk/setmgmt.h>
 
-#include "globals.h"
+#include "daemon_state.h"
 #include "stderr_capture.h"
 #include "temp_dir.h"
 #include "utils.h"

@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "device.h"
+#include "device_storage.h"
 #include "scripted_cloud.h"
-#include "storage_helpers.h"
 #include "utils.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <nk/nkex.h>
 #include <nk/setmgmt.h>
 
-#include "globals.h"
+#include "daemon_state.h"
 #include "onbox_guardian.h"
 #include "temp_dir.h"
 #include "test_broker.h"

@@ -1,4 +1,4 @@
-#include "nkex_callbacks.h"
+#include "bus_event_handlers.h"
 
 #include <unistd.h>
 
@@ -17,11 +17,11 @@
 #include <nk/log.h>
 #include <nk/util.h>
 
-#include "globals.h"
+#include "daemon_state.h"
+#include "device_storage.h"
 #include "network_info.h"
 #include "nkdhcpparser.h"
 #include "queue_limits.h"
-#include "storage_helpers.h"
 #include "utils.h"
 #include "waiting_answers.h"
 

@@ -1,4 +1,4 @@
-#include "globals.h"
+#include "daemon_state.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "storage_helpers.h"
+#include "device_storage.h"
 
 #include <cerrno>
 #include <cstring>
@@ -9,7 +9,7 @@
 #include <nk/nkerrno.h>
 #include <nk/setmgmt.h>
 
-#include "globals.h"
+#include "daemon_state.h"
 #include "repeat_filter.h"
 #include "storage_backlog.h"
 
