@@ -19,6 +19,7 @@
 
 #include "daemon_state.h"
 #include "device_storage.h"
+#include "device_sync.h"
 #include "storage_backlog.h"
 
 namespace {

@@ -77,6 +77,10 @@ public:
     nk::macips_t macips;
 };
 
+// The record and its registry are device.cpp's. Members that reach the cloud or the store are
+// defined by the services above it: cloud_macs.cpp (the cloud's MACs), device_storage.cpp (the
+// guest flag), device_fields.cpp (field refresh), device_registration.cpp (registration and
+// host names) and onbox_reporting.cpp (onbox state).
 class Device {
 public:
     static const nk::path base_key;  // "/devices"
@@ -131,9 +135,6 @@ private:
     void run_external_events();
 };
 
-// The confirmation of a MAC of device `device_id`, by value: it may run after the record moved.
-void confirm_mac_identity_of(const macaddr& mac, const std::string& device_id);
-
 // A device id asked for by another daemon; answered on the bus by request id.
 struct DeviceIdRequest {
     macaddr mac;
@@ -161,8 +162,6 @@ Device* find_device_by_dev_id(const std::string& id);
 Device* find_device_by_mac(const macaddr& mac);
 Device* find_device_by_ip(const address& ip);
 bool is_temporary(const std::string& id);
-// Sends the onbox reports held back as too soon whose pause is over; run by the loop.
-void report_deferred_onbox();
 
 template <>
 struct fmt::formatter<OnboxInfo> : fmt::formatter<std::string_view> {

@@ -10,7 +10,7 @@
 
 #include "cloud_request.h"
 #include "daemon_state.h"
-#include "utils.h"
+#include "device_identity.h"
 
 namespace {
 

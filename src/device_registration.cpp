@@ -9,6 +9,7 @@
 #include "daemon_state.h"
 #include "device.h"
 #include "device_storage.h"
+#include "device_sync.h"
 
 namespace {
 

@@ -213,3 +213,10 @@ bool load_devices_from_storage(std::vector<Device>& out) {
     }
     return true;
 }
+
+void Device::set_device_onguest(int onguest) {
+    if (cloud.device_id.empty())
+        return;
+    cloud.onguest = onguest;
+    write_device_to_storage(*this, true);
+}

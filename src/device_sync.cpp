@@ -16,6 +16,7 @@
 #include "daemon_state.h"
 #include "device.h"
 #include "device_storage.h"
+#include "device_sync.h"
 #include "stored_answers.h"
 
 namespace {

@@ -12,6 +12,7 @@
 #include "device.h"
 #include "device_storage.h"
 #include "onbox_guardian.h"
+#include "onbox_reporting.h"
 
 namespace {
 

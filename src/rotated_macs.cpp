@@ -5,7 +5,7 @@
 #include <nk/log.h>
 
 #include "daemon_state.h"
-#include "utils.h"
+#include "device_identity.h"
 
 namespace {
 

@@ -1,4 +1,5 @@
-// The collector's mDNS, UPnP and NetBIOS reports, gathered per device until they are submitted.
+#include "service_reports.h"
+
 #include <string>
 #include <vector>
 
@@ -11,8 +12,7 @@
 #include "device.h"
 #include "network_info.h"
 #include "service_info.h"
-#include "subprocess_messages.h"
-#include "utils.h"
+#include "user_agents.h"
 
 namespace {
 

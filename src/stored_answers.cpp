@@ -7,7 +7,7 @@
 
 #include "daemon_state.h"
 #include "device_id_answers.h"
-#include "utils.h"
+#include "device_identity.h"
 
 namespace {
 

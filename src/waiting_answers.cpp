@@ -9,9 +9,8 @@
 #include <nk/nkex.h>
 
 #include "daemon_state.h"
-#include "event_processors.h"
+#include "device_id_answers.h"
 #include "stored_answers.h"
-#include "subprocess_messages.h"
 
 namespace {
 

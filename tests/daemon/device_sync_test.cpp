@@ -20,6 +20,7 @@
 #include "cloud_request.h"
 #include "daemon_process.h"
 #include "daemon_state.h"
+#include "device_sync.h"
 #include "stderr_capture.h"
 #include "test_broker.h"
 

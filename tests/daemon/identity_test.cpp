@@ -15,11 +15,11 @@
 #include <nk/setmgmt.h>
 
 #include "daemon_state.h"
+#include "device_identity.h"
 #include "device_storage.h"
 #include "stderr_capture.h"
 #include "temp_dir.h"
 #include "test_broker.h"
-#include "utils.h"
 #include "wait.h"
 
 namespace {

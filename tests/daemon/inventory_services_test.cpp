@@ -9,9 +9,11 @@
 #include <nk/setmgmt.h>
 
 #include "daemon_state.h"
+#include "host_names.h"
+#include "ignored_macs.h"
+#include "pending_devices.h"
 #include "stderr_capture.h"
 #include "temp_dir.h"
-#include "utils.h"
 
 namespace {
 

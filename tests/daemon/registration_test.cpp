@@ -4,9 +4,9 @@
 #include <vector>
 
 #include "device.h"
+#include "device_identity.h"
 #include "device_storage.h"
 #include "scripted_cloud.h"
-#include "utils.h"
 
 namespace {
 

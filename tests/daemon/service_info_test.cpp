@@ -10,6 +10,7 @@
 #include "device.h"
 #include "network_info.h"
 #include "service_info.h"
+#include "service_submission.h"
 #include "subprocess_messages.h"
 
 namespace {

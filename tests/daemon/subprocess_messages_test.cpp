@@ -11,11 +11,13 @@
 #include <nk/setmgmt.h>
 #include <nk/util.h>
 
+#include "daemon_state.h"
 #include "device.h"
+#include "device_identity.h"
+#include "host_names.h"
 #include "network_info.h"
 #include "scripted_cloud.h"
 #include "subprocess_messages.h"
-#include "utils.h"
 #include "wait.h"
 
 namespace {
