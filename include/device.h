@@ -77,10 +77,9 @@ public:
     nk::macips_t macips;
 };
 
-// The record and its registry are device.cpp's. Members that reach the cloud or the store are
-// defined by the services above it: cloud_macs.cpp (the cloud's MACs), device_storage.cpp (the
-// guest flag), device_fields.cpp (field refresh), device_registration.cpp (registration and
-// host names) and onbox_reporting.cpp (onbox state).
+// Members that reach the cloud or the store are defined by the services that own that work, so
+// that the record itself depends on none of them: cloud_macs.cpp, device_storage.cpp,
+// device_fields.cpp, device_registration.cpp and onbox_reporting.cpp.
 class Device {
 public:
     static const nk::path base_key;  // "/devices"
