@@ -17,9 +17,10 @@
 #include <nk/log.h>
 #include <nk/setmgmt.h>
 
-#include "globals.h"
+#include "daemon_state.h"
+#include "device_storage.h"
+#include "device_sync.h"
 #include "storage_backlog.h"
-#include "storage_helpers.h"
 
 namespace {
 

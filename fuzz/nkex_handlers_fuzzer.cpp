@@ -8,9 +8,9 @@
 #include <cstdint>
 #include <mutex>
 
-#include "globals.h"
+#include "bus_event_handlers.h"
+#include "daemon_state.h"
 #include "network_info.h"
-#include "nkex_callbacks.h"
 #include "quiet_log.h"
 
 namespace {

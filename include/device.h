@@ -77,6 +77,9 @@ public:
     nk::macips_t macips;
 };
 
+// Members that reach the cloud or the store are defined by the services that own that work, so
+// that the record itself depends on none of them: cloud_macs.cpp, device_storage.cpp,
+// device_fields.cpp, device_registration.cpp and onbox_reporting.cpp.
 class Device {
 public:
     static const nk::path base_key;  // "/devices"
@@ -131,9 +134,6 @@ private:
     void run_external_events();
 };
 
-// The confirmation of a MAC of device `device_id`, by value: it may run after the record moved.
-void confirm_mac_identity_of(const macaddr& mac, const std::string& device_id);
-
 // A device id asked for by another daemon; answered on the bus by request id.
 struct DeviceIdRequest {
     macaddr mac;
@@ -161,8 +161,6 @@ Device* find_device_by_dev_id(const std::string& id);
 Device* find_device_by_mac(const macaddr& mac);
 Device* find_device_by_ip(const address& ip);
 bool is_temporary(const std::string& id);
-// Sends the onbox reports held back as too soon whose pause is over; run by the loop.
-void report_deferred_onbox();
 
 template <>
 struct fmt::formatter<OnboxInfo> : fmt::formatter<std::string_view> {

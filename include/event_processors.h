@@ -2,7 +2,9 @@
 // They run on the main loop, in the order the event pipe handler calls them.
 #pragma once
 
-void process_device_id_requests();
+// The device-id requests' processor is process_device_id_requests (device_id_answers.h): the
+// answers given while the loop waits on the cloud use it too.
+
 void process_sifter_user_agents();
 void process_dhcp_results();
 void process_removed_devices();

@@ -108,14 +108,3 @@ struct fmt::formatter<nk::netbios::NetbiosTable> : fmt::formatter<std::string_vi
                               t.domain, t.services);
     }
 };
-
-// Submits the gathered Avahi, UPnP and NetBIOS data; the submission timers call them.
-void process_avahi_services();
-void process_upnp_devices();
-void process_netbios_devices();
-
-// Kinds of service information a flush timer resets.
-enum class ServiceInfoKind { Avahi, Upnp, Netbios };
-
-// Moves every device's current set of that kind aside and clears its count and flag.
-void reset_service_info(ServiceInfoKind kind);

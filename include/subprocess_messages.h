@@ -27,16 +27,3 @@ void set_lan_present(bool present);
 // One JSON message a line: {"type": "leases" | "avahi" | "upnp" | "netbios", "data": {...}}.
 // Lines that do not parse, lack either member or have another type are dropped.
 void process_subprocess_messages(const std::vector<std::string>& lines);
-
-// A lease snapshot: registers new MACs, updates changed addresses and host names, takes MACs
-// without a lease offline and reports every device's onbox state.
-void process_leases(const json_t* data);
-// What the scanners saw of a LAN host, gathered for the device holding its address.
-void process_avahi_data(const json_t* data);
-void process_upnp_data(const json_t* data);
-void process_netbios_data(const json_t* data);
-
-// Set once the first lease message was processed; device-id requests and user agents wait
-// for it.
-bool leases_received();
-void set_leases_received(bool received);

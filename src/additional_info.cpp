@@ -9,8 +9,8 @@
 #include <nk/log.h>
 
 #include "cloud_request.h"
-#include "globals.h"
-#include "utils.h"
+#include "daemon_state.h"
+#include "device_identity.h"
 
 namespace {
 

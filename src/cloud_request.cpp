@@ -6,7 +6,7 @@
 
 #include <nk/log.h>
 
-#include "globals.h"
+#include "daemon_state.h"
 
 namespace {
 

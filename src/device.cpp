@@ -8,15 +8,11 @@
 #include <nk/log.h>
 #include <nk/nkerrno.h>
 
-#include "additional_info.h"
-#include "globals.h"
-#include "storage_helpers.h"
-#include "utils.h"
+#include "host_names.h"
 
 const nk::path Device::base_key{"/devices"};
 
 std::vector<Device> g_devices;
-long g_last_mac_purge = 0;
 
 std::string mac_key(const macaddr& mac) {
     return mac.get_hash(48);
@@ -97,52 +93,6 @@ void Device::run_external_events() {
     external_events.clear();
     for (const std::function<void()>& event : events)
         event();
-}
-
-bool Device::update_mac_from_cloud(const char* text) {
-    if (!cloud.add_mac(text != nullptr ? text : ""))
-        return false;
-    const macaddr mac(text);
-    local.macips.add_mac(mac);
-    // Whoever the confirmation notifies must find the device stored: it waits for the unlock.
-    external_events.emplace_back([mac, id = cloud.device_id] { confirm_mac_identity_of(mac, id); });
-    return true;
-}
-
-bool Device::update_macs_from_cloud(json_t* array) {
-    bool changed = false;
-    std::size_t index = 0;
-    json_t* value = nullptr;
-    json_array_foreach(array, index, value) {
-        if (json_is_string(value) && update_mac_from_cloud(json_string_value(value)))
-            changed = true;
-    }
-    const bool stored = changed && write_device_to_storage(*this, true);
-    // Without the key held there is no unlock to wait for.
-    if (!nk::setMgmt::holds(device_key()))
-        run_external_events();
-    return stored;
-}
-
-void Device::confirm_mac_identity(const macaddr& mac) {
-    confirm_mac_identity_of(mac, cloud.device_id);
-}
-
-void confirm_mac_identity_of(const macaddr& mac, const std::string& device_id) {
-    const auto it = g_temporary_device_ids.find(mac_key(mac));
-    if (it != g_temporary_device_ids.end()) {
-        send_permanent_device_id_message(it->second.c_str(), device_id.c_str());
-        g_temporary_device_ids.erase(it);
-        return;
-    }
-    resubmit_additional_info(mac, device_id);
-}
-
-void Device::set_device_onguest(int onguest) {
-    if (cloud.device_id.empty())
-        return;
-    cloud.onguest = onguest;
-    write_device_to_storage(*this, true);
 }
 
 json_t* Device::get_connect_device_params(const std::string& name) const {
@@ -291,21 +241,4 @@ Device* find_device_by_ip(const address& ip) {
 bool is_temporary(const std::string& id) {
     return id.size() >= nk::kTemporaryDeviceIdPrefix.size() &&
            id.compare(0, nk::kTemporaryDeviceIdPrefix.size(), nk::kTemporaryDeviceIdPrefix) == 0;
-}
-
-// ---------------------------------------------------------------------------------------------
-// connect_device attempts
-
-void purge_old_mac_timestamps() {
-    constexpr long kPurgeEvery = 4;
-    constexpr long kMaxAge = 600;
-    if (g_now - g_last_mac_purge <= kPurgeEvery)
-        return;
-    g_last_mac_purge = g_now;
-    for (auto it = g_connect_device_times.begin(); it != g_connect_device_times.end();) {
-        if (g_now - it->second > kMaxAge)
-            it = g_connect_device_times.erase(it);
-        else
-            ++it;
-    }
 }

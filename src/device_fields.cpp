@@ -10,9 +10,9 @@
 #include <nk/log.h>
 
 #include "cloud_request.h"
+#include "daemon_state.h"
 #include "device.h"
-#include "globals.h"
-#include "storage_helpers.h"
+#include "device_storage.h"
 
 namespace {
 

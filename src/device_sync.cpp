@@ -13,9 +13,10 @@
 #include <nk/nkerrno.h>
 
 #include "cloud_request.h"
+#include "daemon_state.h"
 #include "device.h"
-#include "globals.h"
-#include "storage_helpers.h"
+#include "device_storage.h"
+#include "device_sync.h"
 #include "stored_answers.h"
 
 namespace {

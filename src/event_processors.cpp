@@ -11,14 +11,15 @@
 #include <nk/log.h>
 
 #include "additional_info.h"
+#include "daemon_state.h"
 #include "device.h"
 #include "device_id_answers.h"
-#include "globals.h"
+#include "device_identity.h"
+#include "device_storage.h"
+#include "host_names.h"
 #include "network_info.h"
+#include "pending_devices.h"
 #include "rotated_macs.h"
-#include "storage_helpers.h"
-#include "subprocess_messages.h"
-#include "utils.h"
 #include "waiting_answers.h"
 
 namespace {
@@ -30,21 +31,6 @@ std::vector<T> take_queue(std::vector<T>& queue, std::mutex& mutex) {
     const std::lock_guard lock(mutex);
     batch.swap(queue);
     return batch;
-}
-
-void answer_device_id_request(const DeviceIdRequest& request) {
-    const macaddr mac = get_real_mac(request.mac, request.ip);
-    const std::string mac_text = mac.to_string(false);
-    if (!is_valid_device_id_request(mac, request.ip)) {
-        NK_LOG(nk::log::WARN, "Received invalid device_id request: mac={}, ip={}", mac, request.ip);
-        send_device_id_response(mac_text.c_str(), "", request.request_id);
-        return;
-    }
-    const std::string device_id = get_device_id(mac);
-    NK_LOG(nk::log::DEBUG, "mac={}, device_id={:s}", mac, device_id);
-    send_device_id_response(mac_text.c_str(), device_id.c_str(), request.request_id);
-    if (is_temporary(device_id))
-        save_pending_device(device_id, mac, request.ip);
 }
 
 template <typename T>
@@ -199,11 +185,6 @@ void register_pending_device(Device& device) {
 }
 
 }  // namespace
-
-void process_device_id_requests() {
-    for (const DeviceIdRequest& request : take_queue(g_devid_requests, g_devid_requests_mutex))
-        answer_device_id_request(request);
-}
 
 void process_sifter_user_agents() {
     for (const UserAgent& agent : release_user_agents(g_now))

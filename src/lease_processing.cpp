@@ -1,4 +1,5 @@
-// The collector's lease snapshots applied to the inventory.
+#include "lease_processing.h"
+
 #include <algorithm>
 #include <mutex>
 #include <string>
@@ -9,15 +10,15 @@
 #include <nk/json.h>
 #include <nk/log.h>
 
+#include "daemon_state.h"
 #include "device.h"
-#include "globals.h"
+#include "device_storage.h"
+#include "event_pipe.h"
+#include "host_names.h"
+#include "ignored_macs.h"
 #include "leases.h"
 #include "network_info.h"
-#include "nkex_callbacks.h"
 #include "rotated_macs.h"
-#include "storage_helpers.h"
-#include "subprocess_messages.h"
-#include "utils.h"
 #include "waiting_answers.h"
 
 namespace {

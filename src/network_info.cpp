@@ -14,8 +14,8 @@
 #include <nk/nkerrno.h>
 #include <nk/setmgmt.h>
 
-#include "globals.h"
-#include "storage_helpers.h"
+#include "daemon_state.h"
+#include "device_storage.h"
 
 using nk::netMgmt::AddressPair;
 using nk::netMgmt::Interface;

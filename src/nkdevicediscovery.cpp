@@ -28,18 +28,21 @@
 #include <nk/util.h>
 
 #include "additional_info.h"
+#include "bus_event_handlers.h"
+#include "daemon_state.h"
+#include "device_identity.h"
+#include "device_storage.h"
+#include "device_sync.h"
+#include "event_pipe.h"
 #include "event_processors.h"
-#include "globals.h"
 #include "network_info.h"
-#include "nkex_callbacks.h"
 #include "onbox_guardian.h"
+#include "onbox_reporting.h"
 #include "rotated_macs.h"
-#include "service_info.h"
+#include "service_submission.h"
 #include "storage_backlog.h"
-#include "storage_helpers.h"
 #include "stored_answers.h"
 #include "subprocess_messages.h"
-#include "utils.h"
 #include "waiting_answers.h"
 
 namespace {

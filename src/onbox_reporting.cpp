@@ -8,10 +8,11 @@
 #include <nk/log.h>
 
 #include "cloud_request.h"
+#include "daemon_state.h"
 #include "device.h"
-#include "globals.h"
+#include "device_storage.h"
 #include "onbox_guardian.h"
-#include "storage_helpers.h"
+#include "onbox_reporting.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 
 #include <nk/log.h>
 
-#include "globals.h"
-#include "utils.h"
+#include "daemon_state.h"
+#include "device_identity.h"
 
 namespace {
 

@@ -1,4 +1,5 @@
-// The collector's mDNS, UPnP and NetBIOS reports, gathered per device until they are submitted.
+#include "service_reports.h"
+
 #include <string>
 #include <vector>
 
@@ -7,12 +8,11 @@
 #include <nk/json.h>
 #include <nk/log.h>
 
+#include "daemon_state.h"
 #include "device.h"
-#include "globals.h"
 #include "network_info.h"
 #include "service_info.h"
-#include "subprocess_messages.h"
-#include "utils.h"
+#include "user_agents.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 
 #include <nk/log.h>
 
+#include "daemon_state.h"
 #include "device_id_answers.h"
-#include "globals.h"
-#include "utils.h"
+#include "device_identity.h"
 
 namespace {
 

@@ -4,12 +4,13 @@
 #include <nk/log.h>
 #include <nk/util.h>
 
-#include "globals.h"
+#include "daemon_state.h"
+#include "lease_processing.h"
+#include "service_reports.h"
 
 std::unique_ptr<nk::Subprocess> g_subprocess;
 
 namespace {
-bool g_leases_received = false;
 bool g_lan_present = false;
 // The collector was running when the daemon stopped it: that is no failure to pace.
 bool g_stopped_on_purpose = false;
@@ -87,12 +88,4 @@ void process_subprocess_messages(const std::vector<std::string>& lines) {
             continue;
         process_message(type, data);
     }
-}
-
-bool leases_received() {
-    return g_leases_received;
-}
-
-void set_leases_received(bool received) {
-    g_leases_received = received;
 }

@@ -8,10 +8,9 @@
 
 #include <nk/nkex.h>
 
-#include "event_processors.h"
-#include "globals.h"
+#include "daemon_state.h"
+#include "device_id_answers.h"
 #include "stored_answers.h"
-#include "subprocess_messages.h"
 
 namespace {
 

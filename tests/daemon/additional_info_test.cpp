@@ -16,8 +16,9 @@
 
 #include "cloud_request.h"
 #include "daemon_fixture.h"
+#include "daemon_process.h"
+#include "daemon_state.h"
 #include "emulated_cloud.h"
-#include "globals.h"
 #include "stderr_capture.h"
 #include "test_data.h"
 #include "wait.h"

@@ -5,13 +5,15 @@
 #include <limits>
 #include <memory>
 
-#include "globals.h"
+#include "daemon_state.h"
+#include "device_identity.h"
+#include "host_names.h"
 #include "network_info.h"
+#include "pending_devices.h"
 #include "rotated_macs.h"
 #include "storage_backlog.h"
 #include "stored_answers.h"
 #include "subprocess_messages.h"
-#include "utils.h"
 #include "waiting_answers.h"
 
 namespace {

@@ -18,10 +18,10 @@
 #include <nk/nkex.h>
 #include <nk/setmgmt.h>
 
+#include "bus_event_handlers.h"
 #include "cloud_request.h"
-#include "globals.h"
+#include "daemon_state.h"
 #include "network_info.h"
-#include "nkex_callbacks.h"
 #include "onbox_guardian.h"
 #include "scripted_cloud.h"
 #include "temp_dir.h"

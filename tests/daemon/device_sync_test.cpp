@@ -1,6 +1,6 @@
 // The device list loaded from the cloud, reconciled with storage, and fields refreshed: against
 // the cloud emulator, and a scripted connector for answers the emulator never gives.
-#include "storage_helpers.h"
+#include "device_storage.h"
 
 #include <sys/stat.h>
 
@@ -18,8 +18,10 @@
 
 #include "cloud_request.h"
 #include "daemon_fixture.h"
+#include "daemon_process.h"
+#include "daemon_state.h"
+#include "device_sync.h"
 #include "emulated_cloud.h"
-#include "globals.h"
 #include "stderr_capture.h"
 
 namespace {

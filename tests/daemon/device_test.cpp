@@ -12,7 +12,7 @@
 #include <nk/setmgmt.h>
 
 #include "daemon_fixture.h"
-#include "globals.h"
+#include "daemon_state.h"
 #include "stderr_capture.h"
 
 namespace {

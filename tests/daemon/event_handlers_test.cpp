@@ -13,8 +13,11 @@
 #include <nk/log.h>
 #include <nk/util.h>
 
+#include "bus_event_handlers.h"
 #include "daemon_fixture.h"
-#include "globals.h"
+#include "daemon_state.h"
+#include "dhcp_captures.h"
+#include "network_info.h"
 #include "stderr_capture.h"
 #include "test_data.h"
 #include "wait.h"

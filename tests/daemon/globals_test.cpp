@@ -1,5 +1,5 @@
 // Tunables read from a real settings store, and feature flags following the store.
-#include "globals.h"
+#include "daemon_state.h"
 
 #include <gtest/gtest.h>
 

@@ -15,10 +15,12 @@
 #include <nk/setmgmt.h>
 
 #include "daemon_fixture.h"
-#include "globals.h"
+#include "daemon_state.h"
+#include "device_identity.h"
+#include "device_storage.h"
 #include "stderr_capture.h"
-#include "storage_helpers.h"
-#include "utils.h"
+#include "temp_dir.h"
+#include "test_broker.h"
 #include "wait.h"
 
 namespace {

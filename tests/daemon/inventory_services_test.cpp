@@ -9,9 +9,12 @@
 #include <nk/setmgmt.h>
 
 #include "daemon_fixture.h"
-#include "globals.h"
+#include "daemon_state.h"
+#include "host_names.h"
+#include "ignored_macs.h"
+#include "pending_devices.h"
 #include "stderr_capture.h"
-#include "utils.h"
+#include "temp_dir.h"
 
 namespace {
 

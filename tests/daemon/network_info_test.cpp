@@ -14,8 +14,8 @@
 #include <nk/io.h>
 #include <nk/setmgmt.h>
 
-#include "globals.h"
-#include "storage_helpers.h"
+#include "daemon_state.h"
+#include "device_storage.h"
 #include "temp_dir.h"
 #include "test_data.h"
 

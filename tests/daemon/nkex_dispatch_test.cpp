@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "nkex_callbacks.h"
+#include "bus_event_handlers.h"
 
 namespace {
 

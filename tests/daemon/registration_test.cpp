@@ -5,8 +5,9 @@
 
 #include "daemon_fixture.h"
 #include "device.h"
-#include "storage_helpers.h"
-#include "utils.h"
+#include "device_identity.h"
+#include "device_storage.h"
+#include "scripted_cloud.h"
 
 namespace {
 

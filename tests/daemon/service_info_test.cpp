@@ -6,10 +6,11 @@
 
 #include <nk/json.h>
 
+#include "daemon_state.h"
 #include "device.h"
-#include "globals.h"
 #include "network_info.h"
 #include "service_info.h"
+#include "service_submission.h"
 #include "subprocess_messages.h"
 
 namespace {

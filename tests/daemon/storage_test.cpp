@@ -1,5 +1,5 @@
 // Devices stored as a marker in a real settings store and a record in a real device table.
-#include "storage_helpers.h"
+#include "device_storage.h"
 
 #include <gtest/gtest.h>
 

@@ -12,10 +12,12 @@
 #include <nk/util.h>
 
 #include "daemon_fixture.h"
+#include "daemon_state.h"
 #include "device.h"
+#include "device_identity.h"
+#include "host_names.h"
 #include "network_info.h"
 #include "subprocess_messages.h"
-#include "utils.h"
 #include "wait.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "storage_helpers.h"
+#include "device_storage.h"
 
 #include <cerrno>
 #include <cstring>
@@ -9,7 +9,7 @@
 #include <nk/nkerrno.h>
 #include <nk/setmgmt.h>
 
-#include "globals.h"
+#include "daemon_state.h"
 #include "repeat_filter.h"
 #include "storage_backlog.h"
 
@@ -212,4 +212,11 @@ bool load_devices_from_storage(std::vector<Device>& out) {
             out.push_back(std::move(*device));
     }
     return true;
+}
+
+void Device::set_device_onguest(int onguest) {
+    if (cloud.device_id.empty())
+        return;
+    cloud.onguest = onguest;
+    write_device_to_storage(*this, true);
 }

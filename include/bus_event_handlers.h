@@ -34,6 +34,3 @@ nkex_handler_t find_nkex_handler(std::string_view name);
 
 // The bus library's message callback: routes by name, logs what nobody handles.
 void nkex_msg_callback(const Message* message, void* context);
-
-// Wakes the main loop after a handler queued work.
-void wake_main_loop();

@@ -1,4 +1,5 @@
-// Loading the inventory from the cloud and from storage, and keeping both in step.
+// The storage of devices: a record in the shared device table and a marker under /devices,
+// written together or retried from the storage backlog.
 #pragma once
 
 #include <optional>
@@ -59,12 +60,3 @@ bool remove_device_from_storage(const Device& device);
 void retry_storage_backlog();
 std::optional<Device> load_device_from_storage(const std::string& device_id);
 bool load_devices_from_storage(std::vector<Device>& out);
-
-bool load_devices_from_cloud();
-// Carries local-only state over from the stored devices and drops those the cloud forgot;
-// what fails to be stored joins the storage backlog.
-void sync_devices_to_storage(const std::vector<Device>& stored);
-// Refreshes the fields of devices waiting for it; true when none is left waiting.
-bool sync_device_info();
-// Takes the loop back to "not loaded", so the next turn loads again.
-void reset_devices_loaded();

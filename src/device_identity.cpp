@@ -1,7 +1,5 @@
-#include "utils.h"
+#include "device_identity.h"
 
-#include <cctype>
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <mutex>
@@ -9,17 +7,11 @@
 #include <nk/constants.h>
 #include <nk/json.h>
 #include <nk/log.h>
-#include <nk/nkerrno.h>
 #include <nk/nkex.h>
-#include <nk/setmgmt.h>
 
-#include "globals.h"
-#include "nkex_callbacks.h"
-#include "queue_limits.h"
+#include "daemon_state.h"
 
 std::unordered_map<std::string, std::string> g_temporary_device_ids;
-std::vector<Device> g_pending_devices;
-std::unordered_map<macaddr, std::string> g_hostnames;
 
 namespace {
 
@@ -68,17 +60,6 @@ std::string make_temporary_device_id(const macaddr& mac) {
 nk::json_text dump(json_t* object) {
     const nk::json_ptr owned(object);
     return nk::json_text(owned ? json_dumps(owned.get(), 0) : nullptr);
-}
-
-void split_into(const std::string& list, std::unordered_set<std::string>& out) {
-    std::string::size_type start = 0;
-    for (;;) {
-        const std::string::size_type comma = list.find(',', start);
-        out.insert(list.substr(start, comma - start));
-        if (comma == std::string::npos)
-            return;
-        start = comma + 1;
-    }
 }
 
 }  // namespace
@@ -139,69 +120,4 @@ macaddr get_real_mac(const macaddr& mac, const address& ip) {
         }
     }
     return mac;
-}
-
-// Takes the key's lock and deliberately releases it on no path.
-std::unordered_set<std::string> discovery_ignored_macs() {
-    const std::string key(nk::kDiscoveryIgnoredMacsKey);
-    if (nk::setMgmt::lockKey(key) < 0) {
-        NK_LOG(nk::log::ERROR, "nk::setMgmt::lockKey failed (key = {}): {}", key,
-               nk::errno_text(nkerrno));
-        return {};
-    }
-    std::vector<std::string> subkeys;
-    if (nk::setMgmt::enumSubkeys(key, subkeys) < 0) {
-        // No list at all is the usual case, not a fault: nothing is ignored.
-        if (nkerrno == ENOENT)
-            return {};
-        NK_LOG(nk::log::ERROR, "nk::setMgmt::enumSubkeys failed (key = {}): {}", key,
-               nk::errno_text(nkerrno));
-        return {};
-    }
-    std::unordered_set<std::string> macs;
-    for (const std::string& subkey : subkeys)
-        split_into(nk::setMgmt::getKeyValue((nk::path(key) / subkey).str(), ""), macs);
-    return macs;
-}
-
-void save_pending_device(const std::string& local_id, const macaddr& mac, const address& ip) {
-    if (g_nkleases_mode != 0)
-        return;
-    for (const Device& device : g_pending_devices) {
-        if (device.local.device_id == local_id)
-            return;
-    }
-    g_pending_devices.emplace_back(local_id, mac, nk::ip_set{ip}, std::string());
-}
-
-std::string get_hostname(const macaddr& mac) {
-    const auto it = g_hostnames.find(mac);
-    if (it == g_hostnames.end())
-        return "*";
-    NK_LOG(nk::log::TRACE, "box_detected_name={:s}", it->second);
-    return it->second;
-}
-
-void save_user_agent(const std::string& ip, const std::string& mac, const std::string& user_agent) {
-    static QueueOverflow overflow("user agents", kMaxQueuedUserAgents);
-    {
-        // Queued and announced in one step under the mutex, as every queue does.
-        const std::lock_guard lock(g_user_agents_mutex);
-        if (g_user_agents.size() < kMaxQueuedUserAgents) {
-            g_user_agents.push_back(UserAgent{address(ip), macaddr(mac), user_agent});
-            wake_main_loop();
-            return;
-        }
-    }
-    overflow.refused();
-}
-
-int str_rtrim(char* str) {
-    if (str == nullptr)
-        return 0;
-    std::size_t length = std::strlen(str);
-    int space = 0;
-    while (length > 0 && (space = std::isspace(static_cast<unsigned char>(str[length - 1]))) != 0)
-        str[--length] = '\0';
-    return space;
 }

@@ -1,4 +1,4 @@
-#include "globals.h"
+#include "daemon_state.h"
 
 #include <algorithm>
 
@@ -7,6 +7,8 @@
 #include <nk/nkerrno.h>
 
 namespace {
+
+bool g_leases_received = false;
 
 constexpr const char* kDiscoveryKeys = "/daemons/nkdevicediscovery";
 constexpr const char* kCloudKeys = "/daemons/nkcloudd";
@@ -95,6 +97,7 @@ const std::vector<std::string> g_additional_cloud_fields = {"box_detected_name_h
 std::string g_device_id;
 std::optional<nk::time::Timer> g_device_info_sync_timer;
 std::map<nk::sockutl::macaddr, long> g_connect_device_times;
+long g_last_mac_purge = 0;
 
 std::vector<DeviceIdRequest> g_devid_requests;
 std::mutex g_devid_requests_mutex;
@@ -161,4 +164,26 @@ void handle_feature_change(int feature) {
     } else if (feature == 1) {
         g_feature_onbox_status = value == 0;
     }
+}
+
+void purge_old_mac_timestamps() {
+    constexpr long kPurgeEvery = 4;
+    constexpr long kMaxAge = 600;
+    if (g_now - g_last_mac_purge <= kPurgeEvery)
+        return;
+    g_last_mac_purge = g_now;
+    for (auto it = g_connect_device_times.begin(); it != g_connect_device_times.end();) {
+        if (g_now - it->second > kMaxAge)
+            it = g_connect_device_times.erase(it);
+        else
+            ++it;
+    }
+}
+
+bool leases_received() {
+    return g_leases_received;
+}
+
+void set_leases_received(bool received) {
+    g_leases_received = received;
 }

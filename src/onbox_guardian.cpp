@@ -10,7 +10,7 @@
 #include <fmt/format.h>
 #include <nk/constants.h>
 
-#include "globals.h"
+#include "daemon_state.h"
 
 namespace nk::onbox {
 

@@ -1,9 +1,6 @@
-#include "nkex_callbacks.h"
-
-#include <unistd.h>
+#include "bus_event_handlers.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <limits>
 #include <optional>
@@ -17,12 +14,14 @@
 #include <nk/log.h>
 #include <nk/util.h>
 
-#include "globals.h"
+#include "daemon_state.h"
+#include "device_identity.h"
+#include "device_sync.h"
+#include "event_pipe.h"
 #include "network_info.h"
 #include "nkdhcpparser.h"
 #include "queue_limits.h"
-#include "storage_helpers.h"
-#include "utils.h"
+#include "user_agents.h"
 #include "waiting_answers.h"
 
 namespace {
@@ -176,12 +175,6 @@ void nkex_msg_callback(const Message* message, void* /*context*/) {
         return;
     }
     handler(message);
-}
-
-void wake_main_loop() {
-    const char byte = 0;
-    while (::write(g_event_pipe[1], &byte, 1) < 0 && errno == EINTR) {
-    }
 }
 
 void handle_event_sifter_user_agent(const Message* message) {

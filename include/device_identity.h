@@ -1,20 +1,15 @@
-// Device identity on the bus, ignored MACs, pending devices, host names and user agents.
+// Device identity on the bus: the id a MAC goes by (permanent, else temporary), the answers and
+// announcements other daemons cache, and the real MAC behind a mangled one.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
-#include <vector>
 
 #include "device.h"
 
 // Temporary device ids by mac_key, for MACs the cloud has not registered yet.
 extern std::unordered_map<std::string, std::string> g_temporary_device_ids;
-// Devices seen on the bus but not yet in the inventory.
-extern std::vector<Device> g_pending_devices;
-// The host name last reported for each MAC by the leases.
-extern std::unordered_map<macaddr, std::string> g_hostnames;
 
 // The device's id, else the MAC's temporary id, else a new temporary id.
 std::string get_device_id(const macaddr& mac);
@@ -26,9 +21,3 @@ void send_permanent_device_id_message(const char* temp_device_id, const char* de
 void send_clear_device_id_cache_message();
 // The real MAC behind a fake one the leases paired with this IP; else `mac` itself.
 macaddr get_real_mac(const macaddr& mac, const address& ip);
-
-std::unordered_set<std::string> discovery_ignored_macs();
-void save_pending_device(const std::string& local_id, const macaddr& mac, const address& ip);
-std::string get_hostname(const macaddr& mac);
-void save_user_agent(const std::string& ip, const std::string& mac, const std::string& user_agent);
-int str_rtrim(char* str);

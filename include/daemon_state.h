@@ -88,6 +88,11 @@ extern int g_event_pipe[2];  // [0] read end in the loop, [1] written by the bus
 extern long g_now;           // monotonic seconds, set once per loop turn
 extern int g_nkleases_mode;
 
+// Set once the first lease message was processed; device-id requests and user agents wait
+// for it.
+bool leases_received();
+void set_leases_received(bool received);
+
 // Reads every tunable once, sets the feature flags and makes the device-info sync timer.
 bool init_globals();
 bool uninit_globals();
