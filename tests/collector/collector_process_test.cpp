@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <fstream>
@@ -23,13 +22,8 @@ namespace {
 class CollectorProcessTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_EQ(::mkdir(settings_.c_str(), 0755), 0);
-        ASSERT_EQ(nkset("set /network/interfaces/roles/lo lan"), 0);
-        ASSERT_EQ(nkset("set /network/dhcp/lease_files " + leases_), 0);
-    }
-    int nkset(const std::string& command) {
-        return nk::test::run_command(std::string(NK_NKSET_BIN) + " --settings " + settings_ + " " +
-                                     command);
+        nk::test::write_setting(settings_, "/network/interfaces/roles/lo", "lan");
+        nk::test::write_setting(settings_, "/network/dhcp/lease_files", leases_);
     }
     // Written the way dnsmasq does: truncated, then rewritten in place.
     void rewrite(const std::string& text) { std::ofstream(leases_, std::ios::trunc) << text; }

@@ -83,9 +83,7 @@ protected:
     }
 
     void set(const std::string& key, const std::string& value) {
-        const std::string path = (dir_ / "settings") + key;
-        ASSERT_EQ(run_command("mkdir -p " + path), 0);
-        std::ofstream(path + "/.value") << value;
+        nk::test::write_setting(dir_ / "settings", key, value);
     }
 
     // A client on the LAN bridge with this MAC; false when it could not be made.

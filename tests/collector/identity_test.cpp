@@ -1,14 +1,12 @@
 // Which earlier device a new MAC is: the rules on a table of evidence (data/identity_rules.json),
 // and whether an earlier MAC is still on the LAN, from the neighbour table and the leases.
 #include <gtest/gtest.h>
-#include <jansson.h>
 #include <linux/neighbour.h>
 
 #include <map>
 #include <sstream>
 #include <string>
 
-#include <nk/json.h>
 #include <nk/setmgmt.h>
 
 #include "host_names.h"
@@ -24,48 +22,39 @@ namespace {
 using namespace nk::collector;
 using nk::sockutl::address;
 using nk::sockutl::macaddr;
+using nk::test::Row;
 
-std::string text(const json_t* json, const char* key) {
-    const json_t* value = json_object_get(json, key);
-    if (json_is_object(value)) {
-        const char* unit = nk::json_string_member(value, "repeat");
-        std::string out;
-        for (json_int_t i = 0; i < json_integer_value(json_object_get(value, "times")); ++i)
-            out += unit;
-        return out;
-    }
-    return value != nullptr ? std::string(json_string_value(value), json_string_length(value))
-                            : std::string();
-}
-
-std::vector<std::string> ids(const json_t* json) {
-    std::vector<std::string> out;
-    std::size_t i = 0;
-    json_t* id = nullptr;
-    json_array_foreach(json_object_get(json, "ids"), i, id)
-        out.push_back(*hex_bytes(json_string_value(id)));
+// A member's text; {"repeat": UNIT, "times": N} stands for a long one.
+std::string text(const Row& row, const char* key) {
+    const Row value(row.get(key));
+    std::string out = value.str();
+    for (long long i = 0; i < value.num("times"); ++i)
+        out += value.str("repeat");
     return out;
 }
 
-DhcpFingerprint fingerprint(const json_t* json) {
-    return {text(json, "options"), text(json, "vendor")};
+std::vector<std::string> ids(const Row& row) {
+    std::vector<std::string> out;
+    for (const std::string& id : row.strs("ids"))
+        out.push_back(*hex_bytes(id));
+    return out;
 }
 
-ClientHistory history_of(const json_t* known) {
+DhcpFingerprint fingerprint(const Row& row) {
+    return {text(row, "options"), text(row, "vendor")};
+}
+
+ClientHistory history_of(const nk::test::Table& known) {
     ClientHistory history;
-    std::size_t i = 0;
-    json_t* c = nullptr;
-    json_array_foreach(known, i, c) {
-        const macaddr mac(text(c, "mac"));
+    for (const Row& c : known) {
+        const macaddr mac(c.str("mac"));
         history.add(mac, 0);
         history.learn(mac,
                       {ids(c), distinctive_name(text(c, "host")), distinctive_name(text(c, "mdns")),
                        fingerprint(c)},
                       0);
-        std::size_t j = 0;
-        json_t* alias = nullptr;
-        json_array_foreach(json_object_get(c, "aliases"), j, alias)
-            history.add_alias(mac, macaddr(json_string_value(alias)));
+        for (const std::string& alias : c.strs("aliases"))
+            history.add_alias(mac, macaddr(alias));
     }
     return history;
 }
@@ -77,28 +66,26 @@ std::string shown(const Verdict& v) {
 }
 
 TEST(IdentityRules, Table) {
-    const nk::json_ptr table = nk::test::load_json(NK_COLLECTOR_DATA "/identity_rules.json");
-    const ClientHistory history = history_of(json_object_get(table.get(), "known"));
-    std::size_t i = 0;
-    json_t* row = nullptr;
-    json_array_foreach(json_object_get(table.get(), "cases"), i, row) {
-        SCOPED_TRACE(text(row, "case"));
-        const std::string mac = text(row, "mac");
+    const std::string rules = NK_COLLECTOR_DATA "/identity_rules.json";
+    const ClientHistory history = history_of(nk::test::Table(rules, "known"));
+    for (const Row& row : nk::test::Table(rules, "cases")) {
+        SCOPED_TRACE(row.str("case"));
+        const std::string mac = row.str("mac");
         const Sighting s{macaddr(mac.empty() ? "02:45:57:de:3b:da" : mac),
                          ids(row),
                          distinctive_name(text(row, "host")),
                          distinctive_name(text(row, "mdns")),
                          fingerprint(row),
-                         json_is_true(json_object_get(row, "pending"))};
-        const json_t* present = json_object_get(row, "present");
+                         row.flag("pending")};
+        const Row present(row.get("present"));
         const Verdict v = judge(s, history, [&](const macaddr& earlier) {
-            const std::string p = text(present, earlier.to_string().c_str());
+            const std::string p = present.str(earlier.to_string().c_str());
             return p == "here"      ? Presence::Here
                    : p == "unknown" ? Presence::Unknown
                                     : Presence::Gone;
         });
-        EXPECT_EQ(shown(v), text(row, "expect")) << v.why;
-        EXPECT_NE(v.why.find(text(row, "why")), std::string::npos) << v.why;
+        EXPECT_EQ(shown(v), row.str("expect")) << v.why;
+        EXPECT_NE(v.why.find(row.str("why")), std::string::npos) << v.why;
     }
 }
 

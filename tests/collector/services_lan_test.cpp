@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -42,9 +41,7 @@ protected:
     }
 
     void set(const std::string& key, const std::string& value) {
-        const std::string path = (dir_ / "settings") + key;
-        ASSERT_EQ(nk::test::run_command("mkdir -p " + path), 0);
-        std::ofstream(path + "/.value") << value;
+        nk::test::write_setting(dir_ / "settings", key, value);
     }
     // Whether some line of its output holds every one of `parts`.
     bool said(const std::vector<std::string>& parts) {

@@ -3,8 +3,6 @@
 // the cloud emulator, a private broker. Needs root.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <csignal>
 #include <map>
@@ -50,16 +48,15 @@ protected:
             nk::test::Lan::unavailable({"dnsmasq", "dhclient", "udhcpc", "dhcpcd", "busybox"});
         if (!why.empty())
             GTEST_SKIP() << why;
-        ASSERT_EQ(::mkdir(settings_.c_str(), 0755), 0);
         ASSERT_TRUE(broker_.start());
         ASSERT_TRUE(lan_.up());
-        for (const char* setting :
-             {"/network/interfaces/roles/wan0 wan", "/network/interfaces/roles/br-lan lan",
-              "/network/interfaces/roles/br-guest guest"}) {
-            ASSERT_EQ(nkset(std::string("set ") + setting), 0);
-        }
-        ASSERT_EQ(nkset("set /network/dhcp/lease_files " + lan_.dir() + "/dnsmasq.leases"), 0);
-        ASSERT_EQ(nkset("set /network/dhcp/lease_events " + lan_.dir() + "/dhcp-events"), 0);
+        for (const auto& [key, value] : std::map<std::string, std::string>{
+                 {"/network/interfaces/roles/wan0", "wan"},
+                 {"/network/interfaces/roles/br-lan", "lan"},
+                 {"/network/interfaces/roles/br-guest", "guest"},
+                 {"/network/dhcp/lease_files", lan_.dir() + "/dnsmasq.leases"},
+                 {"/network/dhcp/lease_events", lan_.dir() + "/dhcp-events"}})
+            nk::test::write_setting(settings_, key, value);
         ASSERT_TRUE(cloud_.start({NK_CLOUD_EMU_BIN, "-f", "--settings", settings_, "--broker",
                                   broker_.address(), "--db", db_, "serve"}));
         ASSERT_TRUE(cloud_.wait_for_line("cloud ready"));
@@ -77,10 +74,6 @@ protected:
 
     std::string client_mac(const std::string& name) {
         return lan_.first_line("exec " + name + " cat /sys/class/net/eth0/address");
-    }
-    int nkset(const std::string& command) {
-        return nk::test::run_command(std::string(NK_NKSET_BIN) + " --settings " + settings_ + " " +
-                                     command);
     }
 
     // The device table's record that lists the MAC, if any.

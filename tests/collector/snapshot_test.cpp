@@ -23,16 +23,9 @@ using nk::sockutl::macaddr;
 
 const macaddr kPhone("00:00:5e:00:53:59");
 
-std::string bytes(std::initializer_list<int> list) {
-    std::string out;
-    for (const int b : list)
-        out.push_back(static_cast<char>(b));
-    return out;
-}
-
 // The phone's DUID-LL and its RFC 4361 client identifier (IAID 1).
-const std::string kPhoneDuid = bytes({0, 3, 0, 1, 0, 0, 0x5e, 0, 0x53, 0x59});
-const std::string kPhoneId = bytes({0xff, 0, 0, 0, 1}) + kPhoneDuid;
+const std::string kPhoneDuid = *hex_bytes("00:03:00:01:00:00:5e:00:53:59");
+const std::string kPhoneId = *hex_bytes("ff:00:00:00:01") + kPhoneDuid;
 
 LanInterfaces lans() {
     const auto net = [](const char* ip, int prefix) {
@@ -164,9 +157,9 @@ TEST_F(SnapshotTest, ARotationByNameAndFingerprintWaitsUntilTheEarlierMacIsGone)
                       "\n" + R"({"event":"add","ip":"198.51.100.151","mac":"02:45:57:de:3b:da)" +
                       request + "\n");
     const Lease before =
-        lease(iphone, "198.51.100.150", "Lucas-iPhone", bytes({1, 0, 0, 0x5e, 0, 0x53, 0x10}));
+        lease(iphone, "198.51.100.150", "Lucas-iPhone", *hex_bytes("01:00:00:5e:00:53:10"));
     const Lease after =
-        lease(fake, "198.51.100.151", "Lucas-iPhone", bytes({1, 2, 0x45, 0x57, 0xde, 0x3b, 0xda}));
+        lease(fake, "198.51.100.151", "Lucas-iPhone", *hex_bytes("01:02:45:57:de:3b:da"));
     leases_snapshot({before}, {}, lans(), resolver_, {&events});
 
     // Its earlier MAC still holds a lease: the new one is held back while that is probed.

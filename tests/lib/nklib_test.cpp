@@ -7,7 +7,7 @@
 #include "cache.h"
 #include "leases.h"
 #include "macips.h"
-#include "table.h"
+#include "tables.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 
 #include "nk/constants.h"
 #include "nk/json.h"
-#include "table.h"
+#include "tables.h"
 #include "temp_dir.h"
 #include "wait.h"
 

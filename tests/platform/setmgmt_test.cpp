@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <regex>
+#include <map>
 #include <sstream>
 #include <thread>
 
@@ -23,7 +23,7 @@
 #include <nk/setmgmt.h>
 
 #include "daemon_process.h"
-#include "table.h"
+#include "tables.h"
 #include "temp_dir.h"
 #include "wait.h"
 
@@ -62,10 +62,9 @@ protected:
 
 TEST_F(SetMgmtTest, BadKeysAreRejectedWithoutTouchingTheStore) {
     ASSERT_EQ(sm::init(), 0);
-    const std::string bad[] = {
-        "", "a", "//a", "/a/", "/a//b", "/.a", "/a/.value", "/a/..", std::string("/a\0b", 4)};
-    for (const std::string& key : bad) {
-        SCOPED_TRACE(key);
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/setmgmt.json", "bad_keys")) {
+        const std::string key = row.str();
+        SCOPED_TRACE(row.text());
         std::string value;
         Names names;
         const auto einval = [](int rc) { return rc < 0 && nkerrno == EINVAL; };
@@ -201,12 +200,9 @@ TEST_F(SetMgmtTest, SubkeysAndDeletionOfWholeTrees) {
 }
 
 TEST_F(SetMgmtTest, IntegersFallBackToTheDefaultWhenUnparsable) {
-    const std::pair<const char*, int> cases[] = {{"42", 42},    {"-3", -3},  {" 7\n", 7},
-                                                 {"12abc", -1}, {"", -1},    {" \n", -1},
-                                                 {"0x10", -1},  {"1 2", -1}, {"99999999999", -1}};
-    for (const auto& [text, expected] : cases) {
-        ASSERT_EQ(sm::setKey("/n", text), 0);
-        EXPECT_EQ(sm::getKeyValue("/n", -1), expected) << '"' << text << '"';
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/setmgmt.json", "integers")) {
+        ASSERT_EQ(sm::setKey("/n", row.str("text")), 0);
+        EXPECT_EQ(sm::getKeyValue("/n", -1), row.num("value")) << row.text();
     }
     ASSERT_EQ(sm::setKey("/n", "300"), 0);
     EXPECT_EQ(sm::getKeyValue<uint8_t>("/n", 9), 9);
@@ -350,15 +346,13 @@ protected:
 
 TEST_F(NksetTest, ExitStatusesAndOutputOfEachCommand) {
     ASSERT_EQ(sm::lockKey("/held"), 0);
-    const auto expand = [this](std::string text) {
-        text = std::regex_replace(text, std::regex("\\{dir\\}"), dir_.path());
-        return std::regex_replace(text, std::regex("\\{nkset\\}"), NK_NKSET_BIN);
-    };
+    const std::map<std::string, std::string> values{{"dir", dir_.path()}, {"nkset", NK_NKSET_BIN}};
     for (const auto& row : nk::test::Table(NK_TEST_DATA "/nkset.json", "commands")) {
         SCOPED_TRACE(row.text());
         std::string out;
-        EXPECT_EQ(nk::test::run_command(std::string(NK_NKSET_BIN) + " " + expand(row.str("args")) +
-                                            " 2>" + (dir_ / "err"),
+        EXPECT_EQ(nk::test::run_command(std::string(NK_NKSET_BIN) + " " +
+                                            nk::test::expand(row.str("args"), values) + " 2>" +
+                                            (dir_ / "err"),
                                         &out),
                   row.num("status"));
         if (row.has("out")) {
@@ -367,7 +361,8 @@ TEST_F(NksetTest, ExitStatusesAndOutputOfEachCommand) {
         EXPECT_EQ(out.rfind(row.str("out_starts"), 0), 0u) << out;
         std::stringstream err;
         err << std::ifstream(dir_ / "err").rdbuf();
-        EXPECT_NE(err.str().find(expand(row.str("err"))), std::string::npos) << err.str();
+        EXPECT_NE(err.str().find(nk::test::expand(row.str("err"), values)), std::string::npos)
+            << err.str();
     }
     EXPECT_FALSE(std::filesystem::exists(dir_ / "absent"));
 }

@@ -18,7 +18,7 @@
 
 #include "nk/daemon.h"
 #include "nk/io.h"
-#include "table.h"
+#include "tables.h"
 #include "wait.h"
 
 namespace {
@@ -45,20 +45,11 @@ bool no_children_left() {
 }
 
 TEST(Subprocess, ReadsLinesUntilExitThenReaps) {
-    const struct {
-        const char* script;
-        Lines lines;
-    } cases[] = {
-        {R"(printf "ab"; sleep 0.2; printf "c\n")", {"abc"}},
-        {R"(printf "one\ntwo\n\nthree\n")", {"one", "two", "", "three"}},
-        {R"(printf "x\ny")", {"x"}},
-        {R"(head -c 2100000 /dev/zero | tr '\0' a; echo; echo ok)", {"ok"}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.script);
-        const auto p = shell(c.script);
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/subprocess.json", "lines")) {
+        SCOPED_TRACE(row.text());
+        const auto p = shell(row.str("script"));
         ASSERT_TRUE(p && p->start());
-        EXPECT_EQ(read_to_end(*p), c.lines);
+        EXPECT_EQ(read_to_end(*p), row.strs("lines"));
         EXPECT_EQ(p->pid(), 0);
         EXPECT_EQ(p->failures(), 1);
         EXPECT_TRUE(no_children_left());

@@ -5,7 +5,6 @@
 
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <iomanip>
 #include <regex>
 #include <sstream>
@@ -16,7 +15,7 @@
 #include "nk/json.h"
 #include "nk/log.h"
 #include "stderr_capture.h"
-#include "table.h"
+#include "tables.h"
 #include "temp_dir.h"
 
 namespace {
@@ -52,10 +51,8 @@ TEST(Util, LeasesModeFromSettings) {
     const nk::test::TempDir settings;
     const ScopedEnv env(nk::kSettingsDirEnv, settings.path());
     EXPECT_EQ(nk::get_nkleases_mode(), 0);
-    const std::string dir = settings.path() + std::string(nk::kLeasesModeKey);
-    std::filesystem::create_directories(dir);
     for (const auto& [text, mode] : {std::pair{"1", 1}, std::pair{"external", 0}}) {
-        std::ofstream(dir + "/.value") << text;
+        nk::test::write_setting(settings.path(), std::string(nk::kLeasesModeKey), text);
         EXPECT_EQ(nk::get_nkleases_mode(), mode) << text;
     }
 }
@@ -145,11 +142,8 @@ TEST_F(Log, LevelFromEnvironment) {
 }
 
 TEST_F(Log, ChannelLevelFromSettings) {
-    for (const auto& [name, level] : {std::pair{"verbose", "4"}, std::pair{"bad", "9"}}) {
-        const std::string dir = settings_.path() + "/log/levels/test-" + name;
-        std::filesystem::create_directories(dir);
-        std::ofstream(dir + "/.value") << level;
-    }
+    for (const auto& [name, level] : {std::pair{"verbose", "4"}, std::pair{"bad", "9"}})
+        nk::test::write_setting(settings_.path(), std::string("/log/levels/test-") + name, level);
     const auto verbose = lg::open_channel("test-verbose");
     const auto plain = lg::open_channel("test-plain");
     const auto bad = lg::open_channel("test-bad");

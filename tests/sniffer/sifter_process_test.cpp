@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,6 +16,7 @@
 #include <nk/nkex.h>
 #include <nk/util.h>
 
+#include "bus_peer.h"
 #include "daemon_process.h"
 #include "lan.h"
 #include "tables.h"
@@ -26,6 +27,7 @@
 namespace {
 
 using namespace std::chrono_literals;
+using Topics = std::vector<const char*>;
 
 TEST(SifterProcessTest, CommandLine) {
     // As nobody when the test runs as root.
@@ -34,41 +36,6 @@ TEST(SifterProcessTest, CommandLine) {
     nk::test::check_commands(NK_SNIFFER_DATA "/command_lines.tsv",
                              {{"nksifter", NK_NKSIFTER_BIN}, {"unprivileged", unprivileged}});
 }
-
-// Collects the sifter's events from the bus.
-class Subscriber {
-public:
-    bool start(const std::string& name) {
-        handle_ = nkex_init(name.c_str(), &Subscriber::on_message, this, 1);
-        const char* const names[] = {"sifter_dhcp_payload", "sifter_user_agent"};
-        return handle_ != nullptr && nkex_subscribe(handle_, names, 2) == 0;
-    }
-    ~Subscriber() {
-        if (handle_ != nullptr)
-            nkex_uninit(handle_);
-    }
-    // The payloads of the events of this name whose text holds `part`.
-    std::vector<nk::json_ptr> events(const std::string& name, const std::string& part) {
-        const std::lock_guard lock(mutex_);
-        std::vector<nk::json_ptr> found;
-        for (const auto& [event, payload] : received_) {
-            if (event == name && payload.find(part) != std::string::npos)
-                found.emplace_back(json_loads(payload.c_str(), 0, nullptr));
-        }
-        return found;
-    }
-
-private:
-    static void on_message(const Message* message, void* context) {
-        auto* self = static_cast<Subscriber*>(context);
-        const std::lock_guard lock(self->mutex_);
-        self->received_.emplace_back(message->name, std::string(message->data, message->length));
-    }
-
-    nkex_handle* handle_ = nullptr;
-    std::mutex mutex_;
-    std::vector<std::pair<std::string, std::string>> received_;
-};
 
 class SifterLanTest : public ::testing::Test {
 protected:
@@ -79,7 +46,8 @@ protected:
             GTEST_SKIP() << why;
         ASSERT_EQ(::mkdir(settings_.c_str(), 0755), 0);
         ASSERT_TRUE(broker_.start());
-        ASSERT_TRUE(subscriber_.start("sifter-test"));
+        subscriber_.emplace("sifter-test", Topics{"sifter_dhcp_payload", "sifter_user_agent"});
+        ASSERT_TRUE(subscriber_->handle());
         ASSERT_TRUE(lan_.up("--empty"));
     }
 
@@ -100,7 +68,7 @@ protected:
     std::string settings_ = dir_ / "settings";
     nk::test::TestBroker broker_{dir_.path()};
     nk::test::ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
-    Subscriber subscriber_;
+    std::optional<nk::test::Peer> subscriber_;
     nk::test::Lan lan_{NK_LAN_SCRIPT, dir_ / "lan"};
     nk::test::DaemonProcess sifter_;
 };
@@ -120,8 +88,8 @@ TEST_F(SifterLanTest, DhcpAndUserAgentsOfARealClientReachTheBus) {
     ASSERT_EQ(lan_.run("add laptop"), 0);
     const std::string mac = lan_.first_line("exec laptop cat /sys/class/net/eth0/address");
     ASSERT_TRUE(nk::test::wait_until(
-        [&] { return !subscriber_.events("sifter_dhcp_payload", mac).empty(); }, 30s));
-    const nk::json_ptr dhcp = std::move(subscriber_.events("sifter_dhcp_payload", mac).front());
+        [&] { return !subscriber_->json("sifter_dhcp_payload", mac).empty(); }, 30s));
+    const nk::json_ptr dhcp = std::move(subscriber_->json("sifter_dhcp_payload", mac).front());
     EXPECT_STREQ(nk::json_string_member(dhcp.get(), "netif"), "br-lan");
     EXPECT_STREQ(nk::json_string_member(dhcp.get(), "source_mac"), mac.c_str());
     // The first is a DISCOVER (v4) or a SOLICIT (v6): none was held back. What the decoder makes
@@ -138,9 +106,8 @@ TEST_F(SifterLanTest, DhcpAndUserAgentsOfARealClientReachTheBus) {
     ASSERT_EQ(browse("nk-test-agent/1.0"), 0);
     ASSERT_EQ(browse("nk-test-agent/2.0"), 0);
     ASSERT_TRUE(nk::test::wait_until(
-        [&] { return !subscriber_.events("sifter_user_agent", "nk-test-agent/2.0").empty(); },
-        10s));
-    const auto first = subscriber_.events("sifter_user_agent", "nk-test-agent/1.0");
+        [&] { return !subscriber_->json("sifter_user_agent", "nk-test-agent/2.0").empty(); }, 10s));
+    const auto first = subscriber_->json("sifter_user_agent", "nk-test-agent/1.0");
     ASSERT_EQ(first.size(), 1u);
     EXPECT_STREQ(nk::json_string_member(first[0].get(), "src_netif"), "br-lan");
     EXPECT_STREQ(nk::json_string_member(first[0].get(), "src_mac"), mac.c_str());

@@ -11,6 +11,17 @@
 
 namespace nk::test {
 
+Table::Table(const std::string& path, const char* name) {
+    json_error_t error{};
+    file_.reset(json_load_file(path.c_str(), JSON_ALLOW_NUL, &error));
+    EXPECT_TRUE(file_) << path << ":" << error.line << ": " << error.text;
+    const json_t* rows = json_object_get(file_.get(), name);
+    EXPECT_TRUE(json_array_size(rows) > 0) << path << " has no rows '" << name << "'";
+    std::size_t i = 0;
+    const json_t* row = nullptr;
+    json_array_foreach(rows, i, row) rows_.emplace_back(row);
+}
+
 std::string read_data(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     EXPECT_TRUE(in) << path;

@@ -60,6 +60,11 @@ int run_command(const std::string& command, std::string* out) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+void write_setting(const std::string& root, const std::string& key, const std::string& value) {
+    std::filesystem::create_directories(root + key);
+    std::ofstream(root + key + "/.value") << value;
+}
+
 bool has_line_with(const std::string& file, const std::vector<std::string>& parts) {
     std::ifstream in(file);
     for (std::string line; std::getline(in, line);) {

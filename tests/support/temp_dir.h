@@ -37,6 +37,10 @@ private:
 // Runs a command with /bin/sh, returns its exit status and fills `out` with its stdout.
 int run_command(const std::string& command, std::string* out = nullptr);
 
+// A setting written where the store keeps it (ROOT/KEY/.value), as an installer would, without
+// the store's own code.
+void write_setting(const std::string& root, const std::string& key, const std::string& value);
+
 // Whether some line of the file holds every one of `parts`.
 bool has_line_with(const std::string& file, const std::vector<std::string>& parts);
 

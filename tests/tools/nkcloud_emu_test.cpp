@@ -7,7 +7,7 @@
 #include <chrono>
 #include <map>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +16,7 @@
 #include <nk/nkex.h>
 #include <nk/setmgmt.h>
 
+#include "bus_peer.h"
 #include "daemon_process.h"
 #include "tables.h"
 #include "temp_dir.h"
@@ -36,11 +37,9 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(broker_.start());
         ASSERT_TRUE(start_server({}));
-        ASSERT_NE(client_ = nkex_init("nkdevicediscovery", on_event, this, 1), nullptr);
-        const char* names[] = {"devmgmt:device_inventory"};
-        ASSERT_EQ(nkex_subscribe(client_, names, 1), 0);
+        client_.emplace("nkdevicediscovery", std::vector<const char*>{"devmgmt:device_inventory"});
+        ASSERT_TRUE(client_->handle());
     }
-    void TearDown() override { nkex_uninit(client_); }
 
     bool start_server(const json_t* extra) {
         server_ = std::make_unique<nk::test::DaemonProcess>();
@@ -58,26 +57,14 @@ protected:
         return true;
     }
 
-    static void on_event(const Message* m, void* context) {
-        auto* self = static_cast<CloudEmuTest*>(context);
-        const std::lock_guard lock(self->mutex_);
-        self->events_.emplace_back(json_loadb(m->data, m->length, 0, nullptr));
-    }
-
     // The answer's status ("" when none came) and body.
     std::pair<std::string, nk::json_ptr> request(const std::string& command,
                                                  const std::string& body) {
-        Message req{};
-        std::snprintf(req.name, sizeof(req.name), "cloud::connect/box_mgmt/%s", command.c_str());
-        req.data = body.data();
-        req.length = body.size();
-        Message* rsp = nullptr;
-        if (nkex_send_request_and_wait_response(client_, &req, &rsp) != 0)
+        const auto answer =
+            nk::test::ask(client_->handle(), "cloud::connect/box_mgmt/" + command, body);
+        if (!answer)
             return {};
-        std::pair<std::string, nk::json_ptr> answer{rsp->status,
-                                                    json_loadb(rsp->data, rsp->length, 0, nullptr)};
-        nkex_free_response(rsp);
-        return answer;
+        return {answer->first, nk::json_ptr(json_loads(answer->second.c_str(), 0, nullptr))};
     }
 
     // The text with each bound "$name" replaced by its value.
@@ -130,13 +117,10 @@ protected:
             ASSERT_EQ(nk::setMgmt::deleteKey("/daemons/nkcloudd/device_id"), 0);
             ASSERT_TRUE(start_server(extra));
         } else if ((pattern = json_object_get(step, "events")) != nullptr) {
-            ASSERT_TRUE(nk::test::wait_until([&] {
-                const std::lock_guard lock(mutex_);
-                return events_.size() >= json_array_size(pattern);
-            }));
-            const std::lock_guard lock(mutex_);
+            ASSERT_TRUE(
+                nk::test::wait_until([&] { return client_->count() >= json_array_size(pattern); }));
             got.reset(json_array());
-            for (const nk::json_ptr& event : events_)
+            for (const nk::json_ptr& event : client_->json("devmgmt:device_inventory", ""))
                 json_array_append(got.get(), event.get());
         }
         if (pattern != nullptr)
@@ -150,10 +134,8 @@ protected:
     nk::test::ScopedEnv db_env_{"NK_CLOUD_DB", dir_ / "cloud.db"};
     nk::test::ScopedEnv timeout_env_{"NKEX_TIMEOUT_MS", "1000"};
     std::unique_ptr<nk::test::DaemonProcess> server_;
-    nkex_handle* client_ = nullptr;
+    std::optional<nk::test::Peer> client_;
     std::map<std::string, std::string> vars_;
-    std::mutex mutex_;
-    std::vector<nk::json_ptr> events_;
 };
 
 class CloudEmuScenario : public CloudEmuTest, public ::testing::WithParamInterface<std::size_t> {};
