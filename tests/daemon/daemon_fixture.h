@@ -36,6 +36,11 @@ inline void send_probe(const std::string& text) {
     cloud_request("cloud::connect/box_mgmt/probe", body.get(), &answer);
 }
 
+// A device's marker in the settings store: "0" or "1" once stored, "absent" before.
+inline std::string marker(const std::string& id) {
+    return nk::setMgmt::getKeyValue("/devices/" + id, "absent");
+}
+
 // A settings store and a device table of the case's own.
 class SettingsTest : public ::testing::Test {
 protected:

@@ -28,10 +28,6 @@ std::string mac_text(int n) {
     return fmt::format("02:00:00:00:00:{:02x}", n);
 }
 
-std::string marker(const std::string& id) {
-    return nk::setMgmt::getKeyValue("/devices/" + id, "absent");
-}
-
 // Bus answers take their time under the sanitizers when 256 pages come in a row.
 class DeviceSyncTest : public nk::test::StoreTest {
 protected:
@@ -210,8 +206,8 @@ TEST_F(EmulatedCloudTest, SyncCarriesLocalStateOverAndDropsWhatTheCloudForgot) {
     ASSERT_NE(f, nullptr);
     EXPECT_EQ(f->local.device_id, fresh);
     EXPECT_EQ(f->local.onbox_info.onbox, 0);
-    EXPECT_EQ(marker(fresh), "1");
-    EXPECT_EQ(marker("gone"), "absent");
+    EXPECT_EQ(nk::test::marker(fresh), "1");
+    EXPECT_EQ(nk::test::marker("gone"), "absent");
     EXPECT_FALSE(load_device_from_storage("gone"));
     EXPECT_EQ(g_user_agent_cache.count(forgotten) + g_fingerprint_cache.count(forgotten), 0u);
     EXPECT_EQ(g_user_agent_cache.count(kept), 1u);
@@ -283,11 +279,11 @@ TEST_F(EmulatedCloudTest, RefreshStoresChangedFieldsAndKeepsThisBoxsOnbox) {
     emu("rename " + id + " Tablet");
     ASSERT_TRUE(d.update_device_fields_from_cloud({"friendly_name"}, false));
     EXPECT_EQ(d.cloud.display_name, "Tablet");  // asked for along with any *_name
-    EXPECT_EQ(marker(id), "1");
+    EXPECT_EQ(nk::test::marker(id), "1");
     ASSERT_TRUE(write_device_to_storage(d, false));
     ASSERT_TRUE(d.update_device_fields_from_cloud(
         {"friendly_name", "device_os", "va_scan_level", "traffic", "apps", "onbox"}, true));
-    EXPECT_EQ(marker(id), "0") << "nothing changed, nothing written";
+    EXPECT_EQ(nk::test::marker(id), "0") << "nothing changed, nothing written";
 
     set_onbox(id, mac_text(1));
     ASSERT_TRUE(d.update_device_fields_from_cloud({"box_device_id", "onbox"}, false));

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdint>
 #include <optional>
 #include <set>
@@ -102,18 +101,6 @@ TEST_F(DhcpParserTest, RealClientsReadAsTsharkReadsThem) {
         }
         ++accepted;
         expect_reading(out, packet, macaddr(source));
-        std::string type = str(packet, "message_type");
-        if (v6)
-            std::transform(type.begin(), type.end(), type.begin(), ::toupper);
-        else
-            type = "DHCP " + type;
-        // The MAC the packet claims shows as req_mac; DHCPv6 drops it for the frame's.
-        const std::string claimed = str(packet, "client_mac");
-        EXPECT_NE(
-            out.log.find(fmt::format("Received {} from src_mac {}; req_mac: {};", type, source,
-                                     claimed.empty() ? "00:00:00:00:00:00" : claimed)),
-            std::string::npos)
-            << out.log;
     }
     EXPECT_GE(accepted, 14);
 }
@@ -222,10 +209,11 @@ Bytes v4_message(const json_t* row) {
     return m;
 }
 
-TEST_F(DhcpParserTest, MalformedAndOddMessages) {
+void edge_cases(bool v6) {
     for (const nk::json_ptr& row : nk::test::rows("dhcp_edge_cases")) {
         const json_t* c = row.get();
-        const bool v6 = flag(c, "v6");
+        if (flag(c, "v6") != v6)
+            continue;
         SCOPED_TRACE(str(c, "what"));
         const Outcome out = parse(v6, v6 ? from_hex(str(c, "message")) : v4_message(c));
         EXPECT_EQ(out.threw, flag(c, "throws"));
@@ -234,6 +222,13 @@ TEST_F(DhcpParserTest, MalformedAndOddMessages) {
         if (flag(c, "ok") && out.ok)
             expect_reading(out, c, macaddr(str(c, "mac")));
     }
+}
+
+TEST_F(DhcpParserTest, Dhcpv4EdgeCases) {
+    edge_cases(false);
+}
+TEST_F(DhcpParserTest, Dhcpv6EdgeCases) {
+    edge_cases(true);
 }
 
 }  // namespace

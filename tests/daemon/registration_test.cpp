@@ -34,7 +34,7 @@ TEST_F(RegistrationTest, ConnectRegistersReportsAndBlocksTheMacForTheInterval) {
     EXPECT_EQ(requests[0].second,
               R"({"box_detected_name": "laptop", "mac": ")" + kMac.to_string(false) + R"("})");
     EXPECT_EQ(requests[2].first, "set_device_onbox");
-    EXPECT_EQ(nk::setMgmt::getKeyValue("/devices/d-1", "absent"), "0");
+    EXPECT_EQ(nk::test::marker("d-1"), "0");
     EXPECT_TRUE(load_device_from_storage("d-1").has_value());
     EXPECT_TRUE(g_temporary_device_ids.empty()) << "the permanent id was not announced";
 

@@ -38,6 +38,16 @@ struct ScriptedCloud {
         const std::lock_guard lock(mutex);
         return requests;
     }
+    // The bodies of one command's requests.
+    std::vector<std::string> bodies(const std::string& command) {
+        const std::lock_guard lock(mutex);
+        std::vector<std::string> out;
+        for (const auto& [name, body] : requests) {
+            if (name == command)
+                out.push_back(body);
+        }
+        return out;
+    }
     std::vector<std::chrono::steady_clock::time_point> sent_at() {
         const std::lock_guard lock(mutex);
         return times;

@@ -17,9 +17,6 @@ const macaddr kMac("02:00:00:00:00:01");
 
 class StorageTest : public nk::test::SettingsTest {
 protected:
-    static std::string marker(const std::string& id) {
-        return nk::setMgmt::getKeyValue("/devices/" + id, "absent");
-    }
     static Device stored(const std::string& id) {
         Device d("local", kMac, {address("10.0.0.9"), address("10.0.0.1"), address("fe80::1")},
                  "host");
@@ -51,7 +48,7 @@ TEST_F(StorageTest, RoundTripKeepsWhatTheRecordCarriesAndDropsTheRest) {
     d.local.avahi_info.current.insert(nk::avahi::AvahiInfo{"svc", "h", "t", 1});
 
     ASSERT_TRUE(write_device_to_storage(d, false));
-    EXPECT_EQ(marker("dev-1"), "0");
+    EXPECT_EQ(nk::test::marker("dev-1"), "0");
     const std::optional<Device> back = load_device_from_storage("dev-1");
     ASSERT_TRUE(back);
 
@@ -80,7 +77,7 @@ TEST_F(StorageTest, FailuresLeaveStoreAndTableConsistent) {
     Device big = stored("big");
     big.cloud.display_name.assign(1 << 20, 'n');
     EXPECT_FALSE(write_device_to_storage(big, true));
-    EXPECT_EQ(marker("big"), "absent");
+    EXPECT_EQ(nk::test::marker("big"), "absent");
 
     ASSERT_TRUE(write_device_to_storage(stored("b"), true));
     ASSERT_TRUE(write_device_to_storage(stored("c"), true));
@@ -107,11 +104,11 @@ TEST_F(StorageTest, DeferredMarkersAreWrittenWhenThePassEnds) {
         ASSERT_TRUE(write_device_to_storage(stored("a"), true));
         ASSERT_TRUE(write_device_to_storage(stored("gone"), true));
         remove_device_from_storage(stored("gone"));
-        EXPECT_EQ(marker("a"), "absent");
+        EXPECT_EQ(nk::test::marker("a"), "absent");
         EXPECT_TRUE(load_device_from_storage("a"));
     }
-    EXPECT_EQ(marker("a"), "1");
-    EXPECT_EQ(marker("gone"), "absent");
+    EXPECT_EQ(nk::test::marker("a"), "1");
+    EXPECT_EQ(nk::test::marker("gone"), "absent");
     EXPECT_FALSE(load_device_from_storage("gone"));
 }
 

@@ -11,7 +11,9 @@
 
 namespace nk::test {
 
-inline std::string data_dir() { return NK_DAEMON_DATA_DIR; }
+inline std::string data_dir() {
+    return NK_DAEMON_DATA_DIR;
+}
 
 inline std::vector<nk::json_ptr> rows(const std::string& name) {
     std::ifstream in(data_dir() + "/" + name + ".jsonl");
