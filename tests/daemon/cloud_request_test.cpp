@@ -1,12 +1,6 @@
 // The cloud request layer against a scripted connector on a real broker.
 #include "cloud_request.h"
 
-#include <gtest/gtest.h>
-
-#include <mutex>
-#include <string>
-#include <vector>
-
 #include "daemon_fixture.h"
 #include "stderr_capture.h"
 #include "wait.h"

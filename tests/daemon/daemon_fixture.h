@@ -7,15 +7,10 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <optional>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include <nk/devmgmt.h>
 #include <nk/json.h>
-#include <nk/nkex.h>
 #include <nk/setmgmt.h>
 
 #include "cloud_request.h"

@@ -1,32 +1,22 @@
 // The real daemon binary against a private broker, settings store and device table.
 #include <fcntl.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <fstream>
-#include <map>
-#include <mutex>
 #include <sstream>
 
-#include <fmt/format.h>
 #include <nk/devmgmt.h>
 #include <nk/io.h>
 #include <nk/json.h>
-#include <nk/nkex.h>
 #include <nk/setmgmt.h>
 
-#include "daemon_process.h"
 #include "emulated_cloud.h"
 #include "scripted_cloud.h"
-#include "temp_dir.h"
 #include "test_broker.h"
 #include "wait.h"
 
@@ -52,17 +42,6 @@ protected:
     int nkset(const std::string& command) {
         return nk::test::run_command(std::string(NK_NKSET_BIN) + " --settings " + settings_ + " " +
                                      command);
-    }
-
-    // Lines with `text` logged at `level` ("WARN", "DEBUG", ...).
-    int count_lines_at(const std::string& level, const std::string& text) {
-        std::istringstream log(daemon_.log());
-        int n = 0;
-        for (std::string line; std::getline(log, line);) {
-            n += line.find(" " + level + " [") != std::string::npos &&
-                 line.find(text) != std::string::npos;
-        }
-        return n;
     }
 
     // A WAN role and a BOX id are all it takes for the daemon to go on to load its devices.
@@ -338,7 +317,7 @@ TEST_P(FullStoreTest, DelaysStorageOnly) {
     for (const std::string& dir : {settings_, devmgmt_})
         ::unlink((dir + "/filler").c_str());
     ASSERT_TRUE(daemon_.wait_for_line("devices stored after", 70s));
-    EXPECT_EQ(count_lines_at("WARN", "Storage failing"), 1);
+    EXPECT_EQ(daemon_.count_lines("Storage failing"), 1);
     EXPECT_EQ(stored_devices(), kListed);
 }
 

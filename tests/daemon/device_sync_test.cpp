@@ -4,17 +4,12 @@
 
 #include <sys/stat.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <filesystem>
-#include <map>
 #include <set>
 #include <tuple>
 
-#include <fmt/format.h>
 #include <fmt/ranges.h>
-#include <nk/devmgmt.h>
 
 #include "cloud_request.h"
 #include "daemon_fixture.h"

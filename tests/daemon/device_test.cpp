@@ -3,13 +3,9 @@
 #include "device.h"
 
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <nk/constants.h>
 #include <nk/nkerrno.h>
-#include <nk/setmgmt.h>
 
 #include "daemon_fixture.h"
 #include "globals.h"

@@ -4,12 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <optional>
 #include <set>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 #include <fmt/format.h>
 #include <nk/log.h>

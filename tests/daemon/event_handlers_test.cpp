@@ -1,15 +1,10 @@
 // The bus event handlers on a real broker: what each event queues, what it drops with which
 // line, and that the loop is woken for what was queued (rows: data/bus_events.jsonl).
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstring>
-#include <functional>
-#include <string>
-#include <vector>
 
 #include <fmt/format.h>
-#include <nk/json.h>
 #include <nk/log.h>
 #include <nk/util.h>
 

@@ -2,14 +2,10 @@
 // cloud: answers to device-id requests, registration in the same pass, removals before
 // additions, cached additional info, and when service information is due
 // (data/service_info_due.jsonl).
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <deque>
-#include <map>
 #include <set>
-#include <string>
-#include <vector>
 
 #include <fmt/format.h>
 #include <nk/constants.h>

@@ -1,10 +1,7 @@
 // Tunables read from a real settings store, and feature flags following the store.
 #include "globals.h"
 
-#include <gtest/gtest.h>
-
 #include <nk/featureutl.h>
-#include <nk/setmgmt.h>
 
 #include "daemon_fixture.h"
 

@@ -1,12 +1,9 @@
 // Ignored MACs from a real settings store, pending devices, host names, user agents, trimming.
-#include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
 #include <unordered_set>
 
 #include <nk/constants.h>
-#include <nk/setmgmt.h>
 
 #include "daemon_fixture.h"
 #include "globals.h"

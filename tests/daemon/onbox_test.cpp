@@ -1,8 +1,4 @@
 // Onbox reports to the cloud and the gate that switches them off.
-#include <string>
-
-#include <nk/json.h>
-#include <nk/setmgmt.h>
 
 #include "daemon_fixture.h"
 #include "device.h"

@@ -1,7 +1,4 @@
 // Registering devices and reporting host names.
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "daemon_fixture.h"
 #include "device.h"

@@ -1,11 +1,6 @@
 // Devices stored as a marker in a real settings store and a record in a real device table.
 #include "storage_helpers.h"
 
-#include <gtest/gtest.h>
-
-#include <nk/devmgmt.h>
-#include <nk/setmgmt.h>
-
 #include "daemon_fixture.h"
 #include "stderr_capture.h"
 

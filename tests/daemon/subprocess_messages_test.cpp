@@ -1,18 +1,15 @@
-// The collector as the daemon sees it: its restart policy, and its lease snapshots applied to
-// the inventory against a real broker, settings store and device table.
+// The collector as the daemon sees it: its restart policy, and its lease snapshots and service
+// reports applied to the inventory against a real broker, settings store and device table.
 #include <sys/stat.h>
 
-#include <fstream>
 #include <set>
 
-#include <nk/devmgmt.h>
-#include <nk/json.h>
-#include <nk/setmgmt.h>
 #include <nk/util.h>
 
 #include "daemon_fixture.h"
 #include "device.h"
 #include "network_info.h"
+#include "service_info.h"
 #include "subprocess_messages.h"
 #include "test_data.h"
 #include "utils.h"
@@ -90,11 +87,13 @@ std::set<std::string> ip_texts(const Ips& ips) {
     return out;
 }
 
-class LeaseProcessingTest : public nk::test::CloudTest {
+class CollectorMessagesTest : public nk::test::CloudTest {
 protected:
     void SetUp() override {
         CloudTest::SetUp();
         g_feature_onbox_status = true;
+        g_feature_additional_info = false;
+        g_avahi_max_cache_size = g_upnp_max_cache_size = g_netbios_max_cache_size = 10;
         ASSERT_TRUE(nk::onbox::Guardian::instance().init());
         const std::lock_guard lock(g_interfaces_mutex);
         g_interfaces = {interface("br-lan", nk::netMgmt::LAN, false, "198.51.100.1", 24),
@@ -118,10 +117,18 @@ protected:
             }
             if (!str(s, "connect_id").empty())
                 cloud_.set("connect_device", nk::test::id_answer(str(s, "connect_id")).c_str());
+            if (const json_t* on = json_object_get(s, "additional_info"))
+                g_feature_additional_info = json_is_true(on);
             const json_t* message = json_object_get(s, "message");
             const std::size_t before = sent();
-            process_subprocess_messages({json_is_string(message) ? json_string_value(message)
-                                                                 : nk::json_dump_compact(message)});
+            if (message) {
+                process_subprocess_messages({json_is_string(message)
+                                                 ? json_string_value(message)
+                                                 : nk::json_dump_compact(message)});
+            }
+            if (!str(s, "reset").empty())
+                reset_service_info(str(s, "reset") == "upnp" ? ServiceInfoKind::Upnp
+                                                             : ServiceInfoKind::Netbios);
 
             expect_member(s, "received", leases_received());
             expect_member(s, "devices", static_cast<long long>(g_devices.size()));
@@ -160,6 +167,12 @@ protected:
                 expect_member(v, "onguest", device.cloud.onguest);
                 expect_member(v, "onbox", device.local.onbox_info.onbox);
                 expect_member(v, "to_send", device.local.onbox_info.to_send);
+                expect_member(v, "avahi", device.local.avahi_info.current.size());
+                expect_member(v, "avahi_pending", device.local.avahi_info.pending);
+                expect_member(v, "upnp", device.local.upnp_info.current.size());
+                expect_member(v, "netbios", device.local.netbios_info.current.size());
+                expect_member(v, "netbios_kept", device.local.netbios_info.kept.size());
+                expect_member(v, "netbios_pending", device.local.netbios_info.pending);
                 if (json_object_get(v, "name")) {
                     EXPECT_EQ(device.cloud.box_detected_name, str(v, "name"));
                 }
@@ -168,20 +181,36 @@ protected:
                 EXPECT_EQ(get_real_mac(macaddr(str(v, "mac")), address(str(v, "ip"))),
                           macaddr(str(v, "real")));
             }
+            if (json_object_get(s, "user_agents")) {
+                std::vector<std::string> agents;
+                const std::lock_guard lock(g_user_agents_mutex);
+                for (const auto& agent : g_user_agents)
+                    agents.push_back(agent.mac.to_string() + " " + agent.user_agent);
+                EXPECT_EQ(agents, nk::test::strs(s, "user_agents"));
+            }
             const std::lock_guard lock(g_mangled_macs_mutex);
             expect_member(s, "mangled", static_cast<long long>(g_mangled_macs.size()));
         }
     }
 };
 
-TEST_F(LeaseProcessingTest, MalformedMessagesChangeNothing) {
+TEST_F(CollectorMessagesTest, MalformedMessagesChangeNothing) {
     play("malformed");
 }
-TEST_F(LeaseProcessingTest, ADeviceFromItsFirstLeaseUntilItGoesOffline) {
+TEST_F(CollectorMessagesTest, ADeviceFromItsFirstLeaseUntilItGoesOffline) {
     play("lifecycle");
 }
-TEST_F(LeaseProcessingTest, LeasesTheDaemonMustNotTakeAndMangledMacs) {
+TEST_F(CollectorMessagesTest, LeasesTheDaemonMustNotTakeAndMangledMacs) {
     play("ignored");
+}
+
+// mDNS, UPnP and NetBIOS reports join the device holding the address, up to the caps.
+TEST_F(CollectorMessagesTest, ServiceReportsJoinTheDeviceHoldingTheAddress) {
+    play("services");
+}
+
+TEST_F(CollectorMessagesTest, ServiceReportsFeatureOffIgnoredAndFlushSetsThemAside) {
+    play("services_off");
 }
 
 }  // namespace
