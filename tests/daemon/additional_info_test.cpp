@@ -12,7 +12,6 @@
 #include "emulated_cloud.h"
 #include "globals.h"
 #include "stderr_capture.h"
-#include "test_data.h"
 #include "wait.h"
 
 namespace {
@@ -181,7 +180,6 @@ Message answer(const char* status, const std::string& data) {
     return m;
 }
 
-// The rows: data/submission_answers.jsonl.
 TEST(SubmissionAnswerTest, EachAnswerLeavesTheRecordInItsState) {
     for (const nk::json_ptr& row : nk::test::rows("submission_answers")) {
         const json_t* c = row.get();

@@ -16,19 +16,14 @@ protected:
 
 // A good answer and the compact body are checked where devices are registered.
 TEST_F(CloudRequestTest, FailuresLeaveTheSlotEmptyAndSayWhy) {
-    struct Case {
-        int status;
-        const char* payload;
-        const char* line;
-    };
-    for (const Case& c : {Case{3, "{}", "connect_device returned status=3"},
-                          Case{0, "", "connect_device: error parsing response"},
-                          Case{0, "not json", "connect_device: error parsing response"}}) {
-        cloud_.set("connect_device", c.payload, c.status);
+    for (const nk::json_ptr& row : nk::test::rows("cloud_failures")) {
+        const std::string line = nk::test::str(row.get(), "line");
+        cloud_.set("connect_device", nk::test::str(row.get(), "payload").c_str(),
+                   static_cast<int>(nk::test::num(row.get(), "status")));
         nk::json_ptr answer;
         nk::test::StderrCapture capture;
-        EXPECT_FALSE(cloud_request(kCloudConnectDevice, body_.get(), &answer)) << c.line;
-        EXPECT_NE(capture.text().find(c.line), std::string::npos) << c.line;
+        EXPECT_FALSE(cloud_request(kCloudConnectDevice, body_.get(), &answer)) << line;
+        EXPECT_NE(capture.text().find(line), std::string::npos) << line;
         EXPECT_EQ(answer, nullptr);
     }
 }

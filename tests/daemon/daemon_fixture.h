@@ -21,6 +21,7 @@
 #include "scripted_cloud.h"
 #include "temp_dir.h"
 #include "test_broker.h"
+#include "test_data.h"
 
 namespace nk::test {
 
@@ -145,7 +146,6 @@ protected:
         CloudTest::TearDown();
     }
 
-    // Bytes written to the wake-up pipe since the last call.
     static int wakes() {
         int n = 0;
         char byte = 0;

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -18,6 +17,7 @@
 #include "emulated_cloud.h"
 #include "scripted_cloud.h"
 #include "test_broker.h"
+#include "test_data.h"
 #include "wait.h"
 
 namespace {
@@ -71,29 +71,32 @@ TEST_F(DaemonRunTest, ExitsCleanlyOnSignal) {
     }
 }
 
+// The rows: data/startup_failures.jsonl; a second daemon on the same store among them.
 TEST_F(DaemonRunTest, StartUpFailuresExitWithStatusOne) {
-    struct Case {
-        std::string settings;
-        const char* setting;
-        bool broker;
-        const char* line;
-    };
-    // A settings root below a regular file can never be created.
     std::ofstream(dir_ / "file") << "x";
-    for (const Case& c :
-         {Case{dir_ / "file/settings", "", true, "nksetmgmt error"},
-          Case{settings_, "set /network/dhcp/leases_mode 2", true, "nkleases mode: 2"},
-          Case{settings_, "set /network/dhcp/leases_mode 0", false, "nkex_init()"}}) {
-        if (*c.setting) {
-            ASSERT_EQ(nkset(c.setting), 0);
+    for (const nk::json_ptr& row : nk::test::rows("startup_failures")) {
+        const json_t* c = row.get();
+        std::string line = nk::test::str(c, "line");
+        SCOPED_TRACE(line);
+        if (!nk::test::str(c, "setting").empty()) {
+            ASSERT_EQ(nkset(nk::test::str(c, "setting")), 0);
         }
-        if (!c.broker)
+        if (nk::test::flag(c, "no_broker"))
             broker_.stop();
+        if (nk::test::flag(c, "second")) {
+            ASSERT_TRUE(start());
+            ASSERT_TRUE(daemon_.wait_for_line("disco ready"));
+            line.replace(line.find("$PID"), 4, std::to_string(daemon_.pid()));
+        }
         DaemonProcess daemon;
-        ASSERT_TRUE(daemon.start(args(c.settings)));
-        EXPECT_EQ(daemon.wait_exit(), 1) << c.line;
-        EXPECT_EQ(daemon.count_lines(c.line), 1);
+        ASSERT_TRUE(daemon.start(
+            args(nk::test::flag(c, "below_file") ? dir_ / "file/settings" : settings_)));
+        EXPECT_EQ(daemon.wait_exit(), 1);
+        EXPECT_EQ(daemon.count_lines(line), 1);
         EXPECT_EQ(daemon.count_lines("disco ready"), 0);
+        if (nk::test::flag(c, "second")) {
+            EXPECT_EQ(daemon_.stop(SIGTERM), 0);
+        }
     }
 }
 
@@ -142,19 +145,6 @@ TEST_F(DaemonRunTest, LoadsEveryTwoSecondsUntilLoadedAndNeverStartsACollectorWit
     ASSERT_TRUE(daemon_.wait_for_line("Feature 0 changed to 1"));
     EXPECT_EQ(daemon_.count_lines("Restarting"), 0);
     EXPECT_EQ(daemon_.count_lines("Started subprocess"), 0);
-    EXPECT_EQ(daemon_.stop(SIGTERM), 0);
-}
-
-TEST_F(DaemonRunTest, ASecondDaemonOnTheSameStoreRefusesToStart) {
-    ASSERT_TRUE(start());
-    ASSERT_TRUE(daemon_.wait_for_line("disco ready"));
-    DaemonProcess second;
-    ASSERT_TRUE(second.start(args(settings_)));
-    EXPECT_EQ(second.wait_exit(), 1);
-    EXPECT_EQ(second.count_lines("another nkdevicediscovery (pid " + std::to_string(daemon_.pid()) +
-                                 ") uses the settings store"),
-              1);
-    EXPECT_EQ(second.count_lines("disco ready"), 0);
     EXPECT_EQ(daemon_.stop(SIGTERM), 0);
 }
 
@@ -216,11 +206,6 @@ protected:
         ASSERT_EQ(errno, ENOSPC);
     }
 
-    // Devices the cloud lists, the BOX among them.
-    int count_cloud() {
-        const std::string out = cloud_.run("list");
-        return static_cast<int>(std::count(out.begin(), out.end(), '\n'));
-    }
     // The id the cloud registered a MAC under; empty when it has none.
     std::string cloud_id_of(const std::string& mac) {
         std::istringstream lines(cloud_.run("list"));
@@ -311,7 +296,8 @@ TEST_P(FullStoreTest, DelaysStorageOnly) {
     const auto& [mac, id] = *ids_.begin();
     EXPECT_EQ(ask(mac, "198.51.100.10"), id);
     // The client the cloud did not know is registered all the same.
-    ASSERT_TRUE(nk::test::wait_until([&] { return count_cloud() > kListed + 1; }, 10s));
+    ASSERT_TRUE(nk::test::wait_until(
+        [&] { return !cloud_id_of(fmt::format("02:00:00:00:01:{:02x}", kListed)).empty(); }, 10s));
     EXPECT_EQ(daemon_.count_lines("Devices loaded and synced!"), 0);
 
     for (const std::string& dir : {settings_, devmgmt_})

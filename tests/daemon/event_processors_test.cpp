@@ -22,7 +22,6 @@
 #include "stderr_capture.h"
 #include "storage_helpers.h"
 #include "subprocess_messages.h"
-#include "test_data.h"
 #include "utils.h"
 #include "wait.h"
 #include "waiting_answers.h"
@@ -95,21 +94,9 @@ std::string answer_of(const std::string& mac, const std::string& id) {
 }
 
 TEST_F(EventProcessorsTest, EveryRequestIsAnsweredAfterTheFirstLeasesAndUnknownMacsRegistered) {
-    const std::string temporary = std::string(nk::kTemporaryDeviceIdPrefix) + "000000000001";
-    const struct {
-        std::string mac;
-        std::string ip;
-        std::string answer;
-    } cases[] = {
-        {kKnown.to_string(false), "192.168.1.20", answer_of(kKnown.to_string(false), "d-7")},
-        {kUnknown.to_string(false), "192.168.1.30",
-         answer_of(kUnknown.to_string(false), temporary)},
-        {kBoxMac, "192.168.1.1", answer_of(kBoxMac, "")},                       // the BOX itself
-        {"a4:5e:60:c2:1f:0d", "10.9.9.9", answer_of("a4:5e:60:c2:1f:0d", "")},  // not on the LAN
-        {"not-a-mac", "192.168.1.40", answer_of("00:00:00:00:00:00", "")},
-    };
-    for (const auto& c : cases)
-        ask(c.mac, c.ip);
+    const std::vector<nk::json_ptr> cases = nk::test::rows("device_id_requests");
+    for (const nk::json_ptr& c : cases)
+        ask(nk::test::str(c.get(), "mac"), nk::test::str(c.get(), "ip"));
     ASSERT_TRUE(nk::test::wait_until([] { return queued_requests() == 5; }));
 
     process_event_pipe();
@@ -124,8 +111,8 @@ TEST_F(EventProcessorsTest, EveryRequestIsAnsweredAfterTheFirstLeasesAndUnknownM
         }
         return true;
     }));
-    for (std::size_t i = 0; i < std::size(cases); ++i)
-        EXPECT_EQ(asked_[i].answer, cases[i].answer) << cases[i].mac;
+    for (std::size_t i = 0; i < cases.size(); ++i)
+        EXPECT_EQ(asked_[i].answer, nk::test::str(cases[i].get(), "answer"));
 
     // The unknown MAC was registered in the same pass, and its askers told the permanent id.
     ASSERT_NE(find_device_by_mac(kUnknown), nullptr);
@@ -134,8 +121,9 @@ TEST_F(EventProcessorsTest, EveryRequestIsAnsweredAfterTheFirstLeasesAndUnknownM
     EXPECT_EQ(cloud_.bodies("connect_device").size(), 1u);
     ASSERT_TRUE(
         nk::test::wait_until([&] { return notices_.find("permanent_device_id").has_value(); }));
-    EXPECT_EQ(notices_.find("permanent_device_id"),
-              fmt::format(R"({{"temp_device_id": "{}", "cloud_device_id": "d-1"}})", temporary));
+    EXPECT_EQ(
+        notices_.find("permanent_device_id"),
+        R"({"temp_device_id": "00000000-0000-0000-0000-000000000001", "cloud_device_id": "d-1"})");
 }
 
 // A silent cloud holds a synchronous request for the bus's time-out, the askers' own.

@@ -45,20 +45,16 @@ TEST_F(GlobalsTest, StoreValuesOverrideDefaults) {
 }
 
 TEST_F(GlobalsTest, AddDeviceToCloudIsTheLongerNeighbourExpiry) {
-    struct Case {
-        const char* v4;
-        const char* v6;
-        int expected;
-    };
-    for (const Case& c : {Case{"60", "300", 300}, Case{"400", "300", 400}, Case{"", "500", 500},
-                          Case{"junk", "", 180}}) {
+    for (const nk::json_ptr& row : nk::test::rows("neighbour_expiry")) {
+        const json_t* c = row.get();
+        SCOPED_TRACE(nk::json_dump_compact(c));
         nk::setMgmt::deleteKey("/daemons");
-        if (*c.v4)
-            set(g_neigh_expiry_time_key, c.v4);
-        if (*c.v6)
-            set(g_neigh_expiry_time_v6_key, c.v6);
+        if (json_object_get(c, "v4"))
+            set(g_neigh_expiry_time_key, nk::test::str(c, "v4"));
+        if (json_object_get(c, "v6"))
+            set(g_neigh_expiry_time_v6_key, nk::test::str(c, "v6"));
         ASSERT_TRUE(init_globals());
-        EXPECT_EQ(g_retry_interval["add_device_to_cloud"], c.expected) << c.v4 << "/" << c.v6;
+        EXPECT_EQ(g_retry_interval["add_device_to_cloud"], nk::test::num(c, "expected"));
     }
 }
 

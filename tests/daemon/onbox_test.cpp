@@ -3,7 +3,6 @@
 #include "daemon_fixture.h"
 #include "device.h"
 #include "stderr_capture.h"
-#include "test_data.h"
 #include "wait.h"
 
 namespace {
@@ -79,33 +78,27 @@ TEST_F(OnboxTest, GateFollowsTheSwitchWhileRunning) {
 }
 
 TEST_F(OnboxTest, CloudFailureKeepsTheReportPendingForALaterTry) {
-    struct Case {
-        const char* answer;  // null: no answer at all
-        int status;
-        const char* line;
-    };
-    for (const Case& c :
-         {Case{R"({"error": {"code": 500, "data": {"code": 42}}})", 0, "Error code: 42"},
-          Case{"{}", 3, "set_device_onbox returned status=3"},
-          Case{nullptr, 0, "set_device_onbox failed"}}) {
+    for (const nk::json_ptr& row : nk::test::rows("onbox_failures")) {
+        const json_t* c = row.get();
+        SCOPED_TRACE(nk::test::str(c, "line"));
         g_now = 1000;
-        cloud_.set("set_device_onbox", c.answer, c.status);
+        cloud_.set("set_device_onbox",
+                   json_object_get(c, "answer") ? nk::test::str(c, "answer").c_str() : nullptr,
+                   static_cast<int>(nk::test::num(c, "status")));
         Device device = pending(1, "box-1");
         nk::test::StderrCapture capture;
         device.handle_onbox_info();
-        const std::string log = capture.text();
-        EXPECT_NE(log.find(c.line), std::string::npos) << log;
-        EXPECT_NE(log.find("Failed to send onbox to cloud"), std::string::npos) << c.line;
+        EXPECT_NE(capture.text().find(nk::test::str(c, "line")), std::string::npos);
 
         const std::size_t before = sent();
         cloud_.set("set_device_onbox", R"({"result": {}})");
         g_now = 1029;  // too soon: nothing sent, still pending
-        EXPECT_TRUE(device.send_onbox_to_cloud()) << c.line;
-        EXPECT_TRUE(device.local.onbox_info.to_send) << c.line;
+        EXPECT_TRUE(device.send_onbox_to_cloud());
+        EXPECT_TRUE(device.local.onbox_info.to_send);
         g_now = 1030;
         device.handle_onbox_info();
-        EXPECT_EQ(sent(), before + 1) << c.line;
-        EXPECT_FALSE(device.local.onbox_info.to_send) << c.line;
+        EXPECT_EQ(sent(), before + 1);
+        EXPECT_FALSE(device.local.onbox_info.to_send);
     }
 }
 

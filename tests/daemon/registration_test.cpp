@@ -7,6 +7,8 @@
 
 namespace {
 
+using nk::test::str;
+
 const macaddr kMac("a4:5e:60:c2:1f:0b");
 
 class RegistrationTest : public nk::test::CloudTest {};
@@ -65,30 +67,26 @@ TEST_F(RegistrationTest, FailedRegistrationLeavesNoStampSoTheNextSightingRetries
     EXPECT_EQ(sent(), 10u);
 }
 
+// Rows: data/name_updates.jsonl; without a cloud_id nothing may be sent.
 TEST_F(RegistrationTest, NameUpdates) {
-    struct Case {
-        const char* name;
-        const char* cloud_id;  // null: nothing may be sent
-        const char* kept_name;
-    };
-    for (const Case& c : {Case{"", nullptr, "laptop"}, Case{"*", nullptr, "laptop"},
-                          Case{"laptop", nullptr, "laptop"}, Case{"old", nullptr, "laptop"},
-                          Case{"desk", "d-1", "desk"}, Case{"desk-2", "d-9", "laptop"}}) {
+    for (const nk::json_ptr& row : nk::test::rows("name_updates")) {
+        const std::string name = str(row.get(), "name"), cloud_id = str(row.get(), "cloud_id");
+        SCOPED_TRACE(name);
         g_connect_device_times.clear();
         g_cloud_devices_loaded = g_local_devices_loaded = true;
-        if (c.cloud_id)
-            cloud_.set("connect_device", nk::test::id_answer(c.cloud_id).c_str());
+        if (!cloud_id.empty())
+            cloud_.set("connect_device", nk::test::id_answer(cloud_id).c_str());
         Device device("d-1", kMac, {}, "laptop");
         device.cloud.device_id = "d-1";
         device.cloud.box_detected_name_history = {"old"};
         const std::size_t before = sent();
 
-        device.update_box_detected_name(c.name);
+        device.update_box_detected_name(name);
 
-        EXPECT_EQ(sent(), before + (c.cloud_id ? 1 : 0)) << c.name;
-        EXPECT_EQ(device.cloud.box_detected_name, c.kept_name) << c.name;
-        const bool reloads = c.cloud_id && std::string(c.cloud_id) != "d-1";
-        EXPECT_EQ(g_cloud_devices_loaded || g_local_devices_loaded, !reloads) << c.name;
+        EXPECT_EQ(sent(), before + (cloud_id.empty() ? 0 : 1));
+        EXPECT_EQ(device.cloud.box_detected_name, str(row.get(), "kept"));
+        const bool reloads = !cloud_id.empty() && cloud_id != "d-1";
+        EXPECT_EQ(g_cloud_devices_loaded || g_local_devices_loaded, !reloads);
     }
     const std::optional<Device> stored = load_device_from_storage("d-1");
     ASSERT_TRUE(stored.has_value());

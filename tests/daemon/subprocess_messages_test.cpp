@@ -11,7 +11,6 @@
 #include "network_info.h"
 #include "service_info.h"
 #include "subprocess_messages.h"
-#include "test_data.h"
 #include "utils.h"
 #include "wait.h"
 
