@@ -84,6 +84,22 @@ protected:
         return ids;
     }
 
+    // The cloud takes the additional info it is sent.
+    void accept_additional_info() {
+        set_leases_received(true);
+        g_feature_additional_info = true;
+        cloud_.set("set_device_type", R"({"result": {"status": "ok"}})");
+        cloud_.set("set_device_additional_info", R"({"result": {"status": 0}})");
+    }
+    static void queue_dhcp(const macaddr& mac, const char* options, const char* hostname = "") {
+        nk::DhcpResult dhcp;
+        dhcp.mac = mac;
+        dhcp.hostname = hostname;
+        dhcp.fingerprint.option_list = options;
+        const std::lock_guard lock(g_dhcp_results_mutex);
+        g_dhcp_results.push_back(dhcp);
+    }
+
     nkex_handle* asker_ = nullptr;
     std::deque<Asked> asked_;  // stable addresses for the callbacks
     nk::test::Inbox notices_;
@@ -191,24 +207,12 @@ TEST_F(EventProcessorsTest, RemovalRunsBeforeAdditionAndBlocksTheMacsRegistratio
 }
 
 TEST_F(EventProcessorsTest, CachedUserAgentsAndFingerprintsAreNotSentAgain) {
-    set_leases_received(true);
-    g_feature_additional_info = true;
+    accept_additional_info();
     cloud_.set("connect_device", nk::test::id_answer("d-7").c_str());  // the name update
-    cloud_.set("set_device_type", R"({"result": {"status": "ok"}})");
-    cloud_.set("set_device_additional_info", R"({"result": {}})");
-    nk::DhcpResult dhcp;
-    dhcp.mac = kKnown;
-    dhcp.hostname = "tv-2";
-    dhcp.fingerprint.option_list = "1,3,6";
-    nk::DhcpResult name_only;
-    name_only.mac = kKnown;
-    name_only.hostname = "tv-3";
     for (int pass = 0; pass < 2; ++pass) {
         save_user_agent("192.168.1.20", kKnown.to_string(false), "curl/8.0");
-        {
-            const std::lock_guard lock(g_dhcp_results_mutex);
-            g_dhcp_results = {dhcp, name_only};
-        }
+        queue_dhcp(kKnown, "1,3,6", "tv-2");
+        queue_dhcp(kKnown, "", "tv-3");
         process_event_pipe();
     }
     // The submissions are asynchronous; a synchronous request behind them arrives after them.
@@ -239,8 +243,7 @@ TEST_F(EventProcessorsTest, InfoRefusedUnderTheTemporaryIdIsResubmittedAtRegistr
         return !g_fingerprint_cache.get(nk::due_for_retry{g_now + 10}).empty();
     }));
 
-    cloud_.set("set_device_type", R"({"result": {"status": "ok"}})");
-    cloud_.set("set_device_additional_info", R"({"result": {"status": 0}})");
+    accept_additional_info();
     save_pending_device(temporary, kUnknown, address("192.168.1.30"));
     process_event_pipe();
     ASSERT_TRUE(nk::test::wait_until(
@@ -254,21 +257,11 @@ TEST_F(EventProcessorsTest, InfoRefusedUnderTheTemporaryIdIsResubmittedAtRegistr
 // they wait for the leases, go to the device it was, and spend no temporary id. What nothing
 // explains is taken as it came once the wait is over.
 TEST_F(EventProcessorsTest, WhatARotatedMacSendsReachesTheDeviceItWas) {
-    set_leases_received(true);
-    g_feature_additional_info = true;
-    cloud_.set("set_device_additional_info", R"({"result": {"status": 0}})");
-    cloud_.set("set_device_type", R"({"result": {"status": "ok"}})");
+    accept_additional_info();
     cloud_.set("connect_device", nk::test::id_answer("d-7").c_str());
     const macaddr rotated("02:11:22:33:44:55"), stranger("06:11:22:33:44:66");
-    const auto queue = [](const macaddr& mac, const char* options) {
-        nk::DhcpResult dhcp;
-        dhcp.mac = mac;
-        dhcp.fingerprint.option_list = options;
-        const std::lock_guard lock(g_dhcp_results_mutex);
-        g_dhcp_results.push_back(dhcp);
-    };
-    queue(rotated, "1,3,6");
-    queue(stranger, "1,3,15");
+    queue_dhcp(rotated, "1,3,6");
+    queue_dhcp(stranger, "1,3,15");
     // It browses before the leases name it, from an address they do not show.
     save_user_agent("192.168.1.77", rotated.to_string(false), "phone/1.0");
     process_event_pipe();
