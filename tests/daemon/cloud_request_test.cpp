@@ -1,8 +1,6 @@
 // The cloud request layer against a scripted connector on a real broker.
 #include "cloud_request.h"
 
-#include <future>
-
 #include "daemon_fixture.h"
 #include "stderr_capture.h"
 
@@ -29,16 +27,11 @@ TEST_F(CloudRequestTest, FailuresLeaveTheSlotEmptyAndSayWhy) {
     }
 }
 
-// Called on the bus thread; a second call throws, which ends the test binary.
-void on_answer(void* context, const Message* response) {
-    static_cast<std::promise<std::string>*>(context)->set_value(response->status);
-}
-
 TEST_F(CloudRequestTest, AsyncCallbackRunsOnceWithTheAnswer) {
     std::promise<std::string> answer;
     std::future<std::string> status = answer.get_future();
     cloud_.set("set_device_type", "{}", 3);
-    ASSERT_TRUE(cloud_request(kCloudSetDeviceType, body_.get(), on_answer, &answer));
+    ASSERT_TRUE(cloud_request(kCloudSetDeviceType, body_.get(), nk::test::keep_status, &answer));
     // The answer is on its way once sent; waiting for it keeps a slow machine from timing out.
     ASSERT_EQ(status.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     nkex_uninit(g_nkex);  // nothing more after this
@@ -48,7 +41,8 @@ TEST_F(CloudRequestTest, AsyncCallbackRunsOnceWithTheAnswer) {
 
 TEST_F(CloudRequestTest, RefusedAsyncRequestNeverCallsBack) {
     std::promise<std::string> answer;
-    EXPECT_FALSE(cloud_request("cloud::connect/box_mgmt/#", body_.get(), on_answer, &answer));
+    EXPECT_FALSE(
+        cloud_request("cloud::connect/box_mgmt/#", body_.get(), nk::test::keep_status, &answer));
     nkex_uninit(g_nkex);
     g_nkex = nullptr;
     EXPECT_EQ(answer.get_future().wait_for(std::chrono::seconds(0)), std::future_status::timeout);

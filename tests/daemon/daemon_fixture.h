@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <optional>
 
 #include <nk/devmgmt.h>
@@ -30,6 +31,12 @@ inline void send_probe(const std::string& text) {
     const nk::json_ptr body(json_pack("{s:s}", "probe", text.c_str()));
     nk::json_ptr answer;
     cloud_request("cloud::connect/box_mgmt/probe", body.get(), &answer);
+}
+
+// A bus answer's status, kept in the std::promise<std::string> it is given; a second answer
+// throws, which ends the test binary.
+inline void keep_status(void* promise, const Message* response) {
+    static_cast<std::promise<std::string>*>(promise)->set_value(response->status);
 }
 
 // A device's marker in the settings store: "0" or "1" once stored, "absent" before.
@@ -77,6 +84,13 @@ protected:
 struct Inbox {
     std::mutex mutex;
     std::vector<std::pair<std::string, std::string>> events;  // name, payload
+    nkex_handle* handle = nullptr;
+
+    ~Inbox() { nkex_uninit(handle); }
+    bool listen(const char* client, std::vector<const char*> names) {
+        handle = nkex_init(client, collect, this, 1);
+        return handle && nkex_subscribe(handle, names.data(), names.size()) == 0;
+    }
 
     static void collect(const Message* m, void* context) {
         auto* inbox = static_cast<Inbox*>(context);

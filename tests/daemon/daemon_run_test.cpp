@@ -178,7 +178,6 @@ protected:
     }
     void TearDown() override {
         daemon_.stop(SIGTERM);
-        cloud_.process.stop(SIGTERM);
         for (const std::string& dir : mounted_)
             ::umount2(dir.c_str(), MNT_DETACH);
     }

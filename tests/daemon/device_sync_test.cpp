@@ -104,6 +104,14 @@ protected:
         ASSERT_TRUE(cloud_request(kCloudSetDeviceOnbox, body.get(), &answer));
     }
 
+    // What the daemon does at start: the cloud's list, reconciled with what storage holds.
+    static void reload() {
+        std::vector<Device> stored;
+        ASSERT_TRUE(load_devices_from_cloud());
+        ASSERT_TRUE(load_devices_from_storage(stored));
+        sync_devices_to_storage(stored);
+    }
+
     nk::test::EmulatedCloud cloud_{dir_ / "cloud.db"};
 };
 
@@ -154,10 +162,7 @@ TEST_F(EmulatedCloudTest, SyncCarriesLocalStateOverAndDropsWhatTheCloudForgot) {
         g_fingerprint_cache.add(mac, {});
     }
 
-    ASSERT_TRUE(load_devices_from_cloud());
-    std::vector<Device> stored;
-    ASSERT_TRUE(load_devices_from_storage(stored));
-    sync_devices_to_storage(stored);
+    reload();
 
     const Device* m = find_device_by_dev_id(managed);
     ASSERT_NE(m, nullptr);
@@ -182,12 +187,8 @@ TEST_F(EmulatedCloudTest, SyncCarriesLocalStateOverAndDropsWhatTheCloudForgot) {
 
     // The BOX keeps its addresses through the load and through every reload after it.
     for (int load = 0; load < 2; ++load) {
-        if (load > 0) {
-            ASSERT_TRUE(load_devices_from_cloud());
-            stored.clear();
-            ASSERT_TRUE(load_devices_from_storage(stored));
-            sync_devices_to_storage(stored);
-        }
+        if (load > 0)
+            reload();
         const std::optional<Device> b = load_device_from_storage(g_device_id);
         ASSERT_TRUE(b) << load;
         EXPECT_EQ(b->local.macips.get_ips(box_mac, true), box.local.macips.get_ips(box_mac, true))
@@ -216,12 +217,6 @@ StoreTimes store_times(const std::string& root) {
 TEST_F(EmulatedCloudTest, AReloadOfUnchangedDevicesWritesNothingToTheStore) {
     for (int i = 1; i <= 3; ++i)
         emu("add " + mac_text(i));
-    const auto reload = [] {
-        std::vector<Device> stored;
-        ASSERT_TRUE(load_devices_from_cloud());
-        ASSERT_TRUE(load_devices_from_storage(stored));
-        sync_devices_to_storage(stored);
-    };
     reload();
     const std::string root = dir_ / "settings";
     store_times(root);  // the listing reads the folders once, which may set their access times

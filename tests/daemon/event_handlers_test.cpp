@@ -1,7 +1,6 @@
 // The bus event handlers on a real broker: what each event queues, what it drops with which
 // line, and that the loop is woken for what was queued (rows: data/bus_events.jsonl).
 
-#include <atomic>
 #include <cstring>
 
 #include <fmt/format.h>
@@ -89,14 +88,6 @@ std::string expand(std::string data) {
     return data;
 }
 
-std::atomic<int> g_answers{0};
-std::string g_last_status;
-
-void count_answer(void* /*context*/, const Message* response) {
-    g_last_status = response->status;
-    ++g_answers;
-}
-
 // Every row starts from the row's load state and checks every queue, so an event that lands
 // in the wrong queue shows as well as one that is dropped.
 TEST_F(EventHandlersTest, EachEventQueuesWhatItCarriesOrIsDroppedWithItsLine) {
@@ -112,14 +103,13 @@ TEST_F(EventHandlersTest, EachEventQueuesWhatItCarriesOrIsDroppedWithItsLine) {
         }
         std::string log;
         if (flag(c, "request")) {
-            g_answers = 0;
+            std::promise<std::string> status;
             nk::test::StderrCapture capture;
             ASSERT_EQ(nkex_send_request(sifter_, event.c_str(), data.data(), data.size(),
-                                        count_answer, nullptr),
+                                        nk::test::keep_status, &status),
                       0);
             // Nobody answers here: the request times out, which is the event waited for.
-            ASSERT_TRUE(nk::test::wait_until([] { return g_answers == 1; }));
-            EXPECT_EQ(g_last_status, NKEX_STATUS_TIMEOUT);
+            EXPECT_EQ(status.get_future().get(), NKEX_STATUS_TIMEOUT);
             log = capture.text();
         } else {
             // The bus traces what it receives; a megabyte of it would fill the captured stderr.

@@ -41,19 +41,12 @@ class EventProcessorsTest : public nk::test::EventLoopTest {
 protected:
     void SetUp() override {
         EventLoopTest::SetUp();
-        ASSERT_NE(asker_ = nkex_init("asker", nk::test::Inbox::collect, &notices_, 1), nullptr);
-        const char* notices[] = {"permanent_device_id"};
-        ASSERT_EQ(nkex_subscribe(asker_, notices, 1), 0);
+        ASSERT_TRUE(notices_.listen("asker", {"permanent_device_id"}));
         // A device the cloud knows, as a load leaves it.
         Device tv("d-7", kKnown, {address("192.168.1.20")}, "tv");
         tv.cloud.device_id = "d-7";
         g_devices.push_back(tv);
     }
-    void TearDown() override {
-        nkex_uninit(asker_);
-        EventLoopTest::TearDown();
-    }
-
     static void answered(void* context, const Message* response) {
         auto* asked = static_cast<Asked*>(context);
         asked->answer.assign(response->data ? response->data : "", response->length);
@@ -63,8 +56,8 @@ protected:
     Asked& ask(const std::string& mac, const std::string& ip) {
         Asked& asked = asked_.emplace_back();
         const std::string data = fmt::format(R"({{"mac": "{}", "ip": "{}"}})", mac, ip);
-        EXPECT_EQ(nkex_send_request(asker_, "request_device_id", data.data(), data.size(), answered,
-                                    &asked),
+        EXPECT_EQ(nkex_send_request(notices_.handle, "request_device_id", data.data(), data.size(),
+                                    answered, &asked),
                   0);
         return asked;
     }
@@ -100,7 +93,6 @@ protected:
         g_dhcp_results.push_back(dhcp);
     }
 
-    nkex_handle* asker_ = nullptr;
     std::deque<Asked> asked_;  // stable addresses for the callbacks
     nk::test::Inbox notices_;
 };

@@ -26,17 +26,10 @@ protected:
     IdentityTest() : StoreTest("2000") {}
     void SetUp() override {
         StoreTest::SetUp();
-        ASSERT_NE(peer_ = nkex_init("listener", nk::test::Inbox::collect, &inbox_, 1), nullptr);
-        const char* events[] = {"permanent_device_id", "clear_device_id_cache"};
-        ASSERT_EQ(nkex_subscribe(peer_, events, 2), 0);
-    }
-    void TearDown() override {
-        nkex_uninit(peer_);
-        StoreTest::TearDown();
+        ASSERT_TRUE(inbox_.listen("listener", {"permanent_device_id", "clear_device_id_cache"}));
     }
 
     nk::test::Inbox inbox_;
-    nkex_handle* peer_ = nullptr;
 };
 
 TEST_F(IdentityTest, TemporaryIdsArePaddedStablePerMacAndYieldToKnownDevices) {
