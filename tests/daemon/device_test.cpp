@@ -5,11 +5,9 @@
 #include <sys/wait.h>
 
 #include <nk/constants.h>
-#include <nk/nkerrno.h>
 
 #include "daemon_fixture.h"
 #include "globals.h"
-#include "stderr_capture.h"
 
 namespace {
 
@@ -87,11 +85,7 @@ TEST_F(DeviceKeyTest, KeyHeldByAnotherProcessFailsAfterTheBoundedWait) {
     ASSERT_EQ(ok, '1');
 
     nk::setMgmt::set_lock_timeout_ms(100);
-    nk::test::StderrCapture err;
     EXPECT_FALSE(device_.lock_device_key());
-    EXPECT_NE(
-        err.text().find("Failed to lock device key /devices/dev1: " + nk::errno_text(EWOULDBLOCK)),
-        std::string::npos);
     for (const int fd : {locked[0], locked[1], release[0], release[1]})
         ::close(fd);
     ASSERT_EQ(::waitpid(child, nullptr, 0), child);

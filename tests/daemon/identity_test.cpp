@@ -1,7 +1,5 @@
 // Device ids handed to other daemons: temporary ids and their announcements on a real broker.
 
-#include <array>
-
 #include <nk/log.h>
 
 #include "daemon_fixture.h"
@@ -13,8 +11,7 @@
 namespace {
 
 macaddr nth_mac(int n) {
-    return macaddr(std::array<std::uint8_t, 6>{0x02, 0, 0, 0, static_cast<std::uint8_t>(n >> 8),
-                                               static_cast<std::uint8_t>(n & 0xff)});
+    return macaddr(fmt::format("02:00:00:00:{:02x}:{:02x}", n >> 8, n & 0xff));
 }
 
 std::string temporary_id(int n) {
