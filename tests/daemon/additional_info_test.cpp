@@ -171,14 +171,6 @@ TEST_F(SubmissionTest, ServiceInfoCountsAsSentWhenAnAnswerCame) {
 }
 
 // The answers the emulator never gives, handed to the callbacks as the bus would.
-Message answer(const char* status, const std::string& data) {
-    Message m{};
-    std::snprintf(m.status, sizeof(m.status), "%s", status);
-    m.data = data.data();
-    m.length = data.size();
-    return m;
-}
-
 TEST(SubmissionAnswerTest, EachAnswerLeavesTheRecordInItsState) {
     for (const nk::json_ptr& row : nk::test::rows("submission_answers")) {
         const json_t* c = row.get();
@@ -186,7 +178,10 @@ TEST(SubmissionAnswerTest, EachAnswerLeavesTheRecordInItsState) {
         const bool user_agent = nk::test::flag(c, "user_agent");
         SCOPED_TRACE(
             fmt::format("{} {} {}", user_agent ? "user agent" : "fingerprint", status, data));
-        const Message m = answer(status.c_str(), data);
+        Message m{};
+        std::snprintf(m.status, sizeof(m.status), "%s", status.c_str());
+        m.data = data.data();
+        m.length = data.size();
         std::int32_t state = -1;
         if (user_agent) {
             remove_macs_from_cache(std::vector<macaddr>{kMac}, g_user_agent_cache,

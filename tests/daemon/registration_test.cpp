@@ -14,11 +14,22 @@ using nk::test::str;
 
 const macaddr kMac("a4:5e:60:c2:1f:0b");
 
-class RegistrationTest : public nk::test::CloudTest {};
+nk::onbox::Guardian& gate() {
+    return nk::onbox::Guardian::instance();
+}
+
+// With onbox reports on.
+class RegistrationTest : public nk::test::CloudTest {
+protected:
+    void SetUp() override {
+        CloudTest::SetUp();
+        g_feature_onbox_status = true;
+        ASSERT_TRUE(gate().init());
+    }
+};
+using OnboxTest = RegistrationTest;
 
 TEST_F(RegistrationTest, ConnectRegistersReportsAndBlocksTheMacForTheInterval) {
-    g_feature_onbox_status = true;
-    ASSERT_TRUE(nk::onbox::Guardian::instance().init());
     g_sync_poll_interval = 60;
     g_device_info_sync_timer = nk::time::Timer::make(nk::time::TIMER_OWNED);
     g_temporary_device_ids[mac_key(kMac)] = "00000000-0000-0000-0000-000000000001";
@@ -95,19 +106,6 @@ TEST_F(RegistrationTest, NameUpdates) {
     ASSERT_TRUE(stored.has_value());
     EXPECT_EQ(stored->cloud.box_detected_name, "desk");
 }
-
-nk::onbox::Guardian& gate() {
-    return nk::onbox::Guardian::instance();
-}
-
-class OnboxTest : public nk::test::CloudTest {
-protected:
-    void SetUp() override {
-        CloudTest::SetUp();
-        g_feature_onbox_status = true;
-        ASSERT_TRUE(gate().init());
-    }
-};
 
 // A device with a report pending.
 Device pending(int onbox, const std::string& box_device_id) {
