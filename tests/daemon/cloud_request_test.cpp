@@ -6,9 +6,7 @@
 
 namespace {
 
-using nk::test::CloudTest;
-
-class CloudRequestTest : public CloudTest {
+class CloudRequestTest : public nk::test::CloudTest {
 protected:
     nk::json_ptr body_{json_pack("{s:s}", "mac", "a4:5e:60:c2:1f:0b")};
 };

@@ -97,7 +97,6 @@ struct Inbox {
         const std::lock_guard lock(inbox->mutex);
         inbox->events.emplace_back(m->name, std::string(m->data ? m->data : "", m->length));
     }
-    // The payload of the first event of that name.
     std::optional<std::string> find(const std::string& name) {
         const std::lock_guard lock(mutex);
         for (const auto& [event, payload] : events) {

@@ -37,8 +37,7 @@ protected:
         return {NK_DAEMON_BIN,    "-f",       "--settings",      settings,      "--devmgmt",
                 dir_ / "devmgmt", "--broker", broker_.address(), "--log-level", "4"};
     }
-    bool start(const std::string& settings) { return daemon_.start(args(settings)); }
-    bool start() { return start(settings_); }
+    bool start() { return daemon_.start(args(settings_)); }
     int nkset(const std::string& command) {
         return nk::test::run_command(std::string(NK_NKSET_BIN) + " --settings " + settings_ + " " +
                                      command);
@@ -194,7 +193,6 @@ protected:
         }
         ASSERT_TRUE(cloud_.start());
     }
-    // Writes until the mount has no room left.
     void fill(const std::string& dir) {
         const nk::io::unique_fd fd(
             ::open((dir + "/filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));

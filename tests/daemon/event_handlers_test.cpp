@@ -120,10 +120,8 @@ TEST_F(EventHandlersTest, EachEventQueuesWhatItCarriesOrIsDroppedWithItsLine) {
         for (const auto& request : requests)
             seen.push_back(fmt::format("{} {}", request.mac, request.ip));
         EXPECT_EQ(seen, strs(c, "requests"));
-        const int woken = wakes();
-        if (event.rfind("sifter_", 0) == 0) {
-            EXPECT_EQ(woken, 1 + static_cast<int>(dhcp.size() + agents.size()));  // and the marker
-        }
+        const int woken = wakes(), queued = static_cast<int>(dhcp.size() + agents.size());
+        EXPECT_TRUE(event.rfind("sifter_", 0) != 0 || woken == queued + 1) << woken;
 
         EXPECT_EQ(take(g_removed_devices, g_removed_devices_mutex), strs(c, "removed"));
         const std::vector<ChangedInfo> changed = take(g_changed_devices, g_changed_devices_mutex);

@@ -57,7 +57,6 @@ protected:
         const std::lock_guard lock(g_devid_requests_mutex);
         return g_devid_requests.size();
     }
-    // The device each request of a command was for.
     std::vector<std::string> ids_of(const std::string& command) {
         std::vector<std::string> ids;
         for (const auto& [name, body] : cloud_.sent()) {

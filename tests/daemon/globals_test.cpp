@@ -24,13 +24,8 @@ protected:
 };
 
 TEST_F(GlobalsTest, StoreValuesOverrideDefaults) {
-    set("/daemons/nkdevicediscovery/retry_interval", "7");
-    set("/daemons/nkcloudd/retry_interval/update_name", "90");
-    set("/daemons/nkdevicediscovery/subprocess_respawn_retries", "2");
-    set("/daemons/nkdevicediscovery/avahi_max_cache_size", "3");
-    set("/daemons/nkdevicediscovery/sync_poll_interval", "15");
-    set("/daemons/nkcloudd/device_id", "box-1");
-    set("/features/ids/0", "1");
+    for (const nk::json_ptr& row : nk::test::rows("tunables"))
+        set(nk::test::str(row.get(), "key"), nk::test::str(row.get(), "value"));
     ASSERT_TRUE(init_globals());
     EXPECT_EQ(g_retry_interval["default"], 7);
     EXPECT_EQ(g_retry_interval["update_box_detected_name"], 90);

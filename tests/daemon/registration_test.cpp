@@ -18,7 +18,6 @@ nk::onbox::Guardian& gate() {
     return nk::onbox::Guardian::instance();
 }
 
-// With onbox reports on.
 class RegistrationTest : public nk::test::CloudTest {
 protected:
     void SetUp() override {
@@ -107,7 +106,6 @@ TEST_F(RegistrationTest, NameUpdates) {
     EXPECT_EQ(stored->cloud.box_detected_name, "desk");
 }
 
-// A device with a report pending.
 Device pending(int onbox, const std::string& box_device_id) {
     Device device("d-1", kMac, {}, "laptop");
     device.cloud.device_id = "d-1";

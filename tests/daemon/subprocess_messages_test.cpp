@@ -2,8 +2,6 @@
 // reports applied to the inventory against a real broker, settings store and device table.
 #include <sys/stat.h>
 
-#include <set>
-
 #include <nk/util.h>
 
 #include "daemon_fixture.h"
@@ -78,14 +76,6 @@ void expect_member(const json_t* row, const char* key, long long actual) {
         << key << ": " << actual;
 }
 
-template <typename Ips>
-std::set<std::string> ip_texts(const Ips& ips) {
-    std::set<std::string> out;
-    for (const address& ip : ips)
-        out.insert(ip.to_string());
-    return out;
-}
-
 class CollectorMessagesTest : public nk::test::CloudTest {
 protected:
     void SetUp() override {
@@ -155,13 +145,16 @@ protected:
                 const Device& device = g_devices[i];
                 if (json_object_get(v, "ips")) {
                     const macaddr mac(str(v, "mac"));
-                    const auto ips = nk::test::strs(v, "ips");
-                    const std::set<std::string> expected(ips.begin(), ips.end());
-                    EXPECT_EQ(ip_texts(device.local.macips.get_ips(mac, true)), expected);
+                    nk::ip_set expected;
+                    for (const std::string& ip : nk::test::strs(v, "ips"))
+                        expected.insert(address(ip));
+                    EXPECT_EQ(device.local.macips.get_ips(mac, true), expected);
                     nk::devMgmt::Device record;
                     record.device_id = device.cloud.device_id;
                     ASSERT_TRUE(record.load_from_shmem(false, true));
-                    EXPECT_EQ(ip_texts(record.macips[mac]), expected) << "stored";
+                    EXPECT_EQ(nk::ip_set(record.macips[mac].begin(), record.macips[mac].end()),
+                              expected)
+                        << "stored";
                 }
                 expect_member(v, "onguest", device.cloud.onguest);
                 expect_member(v, "onbox", device.local.onbox_info.onbox);
