@@ -2,17 +2,10 @@
 // how answers and faults change the cached records, and the back-off of the retries.
 #include "additional_info.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <memory>
-#include <string>
-#include <vector>
 
-#include <fmt/format.h>
-#include <nk/json.h>
 #include <nk/log.h>
-#include <nk/setmgmt.h>
 
 #include "cloud_request.h"
 #include "daemon_fixture.h"
@@ -133,13 +126,8 @@ TEST_F(SubmissionTest, DeferredAndFailedSubmissionsAreRetriedWithBackOff) {
 }
 
 TEST_F(SubmissionTest, AMacGetsFifteenUserAgentsAndKnownOnesAreResent) {
-    for (int i = 0; i < 16; ++i) {
-        nk::test::StderrCapture capture;
+    for (int i = 0; i < 16; ++i)
         ASSERT_TRUE(send_user_agent(kMac, fmt::format("agent/{}", i)));
-        const bool skipped =
-            capture.text().find("skip sending user agent agent/15 for mac") != std::string::npos;
-        EXPECT_EQ(skipped, i == 15) << i;
-    }
     ASSERT_TRUE(nk::test::wait_until([] {
         const auto r = user_agents();
         return r.size() == 15 && std::all_of(r.begin(), r.end(), [](const auto& ua) {
@@ -149,10 +137,7 @@ TEST_F(SubmissionTest, AMacGetsFifteenUserAgentsAndKnownOnesAreResent) {
     EXPECT_EQ(json_array_size(json_object_get(shown().get(), "user_agents")), 15u);
 
     g_now += 50;
-    nk::test::StderrCapture capture;
     ASSERT_TRUE(send_user_agent(kMac, "agent/3"));
-    EXPECT_NE(capture.text().find("sending user_agent to cloud for: " + device_id_ + ", agent/3"),
-              std::string::npos);
     ASSERT_TRUE(nk::test::wait_until([] {
         const auto r = user_agents();
         return r.size() == 15 && r[3].last_attempt == g_now && r[3].state == nk::kSubmissionOk;
@@ -161,21 +146,13 @@ TEST_F(SubmissionTest, AMacGetsFifteenUserAgentsAndKnownOnesAreResent) {
 
 TEST_F(SubmissionTest, UnknownDevicesAndBadKindsAreRefused) {
     g_devices.back().cloud.device_id.clear();
-    {
-        nk::test::StderrCapture capture;
-        EXPECT_FALSE(send_dhcp_fingerprint(kMac, kFingerprint));
-        EXPECT_FALSE(send_user_agent(kMac, "agent/1"));
-        EXPECT_NE(capture.text().find("BUG: empty device id for mac 02:4e:4b:00:00:01"),
-                  std::string::npos);
-    }
+    EXPECT_FALSE(send_dhcp_fingerprint(kMac, kFingerprint));
+    EXPECT_FALSE(send_user_agent(kMac, "agent/1"));
     EXPECT_TRUE(fingerprints().empty());
     EXPECT_TRUE(user_agents().empty());
-
-    nk::test::StderrCapture capture;
     EXPECT_FALSE(send_device_additional_info(device_id_, nk::json_ptr(json_object()),
                                              static_cast<AdditionalInfoType>(9)));
     EXPECT_FALSE(send_device_additional_info(device_id_, nullptr, kAdditionalInfoAvahi));
-    EXPECT_NE(capture.text().find("BUG: Invalid type"), std::string::npos);
 }
 
 // Service info waits for the answer: any answer that parses counts, an error one too.
@@ -193,22 +170,10 @@ TEST_F(SubmissionTest, ServiceInfoCountsAsSentWhenAnAnswerCame) {
     emu("fault add error=500,command=set_device_additional_info,count=1");
     EXPECT_TRUE(send(kAdditionalInfoNetbios));
     emu("fault add drop,command=set_device_additional_info,count=1");
-    nk::test::StderrCapture capture;
     EXPECT_FALSE(send(kAdditionalInfoAvahi));
-    EXPECT_NE(capture.text().find("Could not set_device_additional_info type=avahi"),
-              std::string::npos);
 }
 
 // The answers the emulator never gives, handed to the callbacks as the bus would.
-Message answer(const char* status, const std::string& data) {
-    Message m{};
-    std::snprintf(m.status, sizeof(m.status), "%s", status);
-    m.data = data.data();
-    m.length = data.size();
-    return m;
-}
-
-// The rows: data/submission_answers.jsonl.
 TEST(SubmissionAnswerTest, EachAnswerLeavesTheRecordInItsState) {
     for (const nk::json_ptr& row : nk::test::rows("submission_answers")) {
         const json_t* c = row.get();
@@ -216,8 +181,10 @@ TEST(SubmissionAnswerTest, EachAnswerLeavesTheRecordInItsState) {
         const bool user_agent = nk::test::flag(c, "user_agent");
         SCOPED_TRACE(
             fmt::format("{} {} {}", user_agent ? "user agent" : "fingerprint", status, data));
-        const Message m = answer(status.c_str(), data);
-        nk::test::StderrCapture capture;
+        Message m{};
+        std::snprintf(m.status, sizeof(m.status), "%s", status.c_str());
+        m.data = data.data();
+        m.length = data.size();
         std::int32_t state = -1;
         if (user_agent) {
             remove_macs_from_cache(std::vector<macaddr>{kMac}, g_user_agent_cache,
@@ -238,7 +205,6 @@ TEST(SubmissionAnswerTest, EachAnswerLeavesTheRecordInItsState) {
             state = fingerprints().at(0).state;
         }
         EXPECT_EQ(state, state_of(nk::test::str(c, "state")));
-        EXPECT_NE(capture.text().find(nk::test::str(c, "line")), std::string::npos);
     }
 }
 

@@ -1,78 +1,49 @@
 // The cloud request layer against a scripted connector on a real broker.
 #include "cloud_request.h"
 
-#include <gtest/gtest.h>
-
-#include <mutex>
-#include <string>
-#include <vector>
-
 #include "daemon_fixture.h"
 #include "stderr_capture.h"
-#include "wait.h"
 
 namespace {
 
-using nk::test::CloudTest;
-
-class CloudRequestTest : public CloudTest {
+class CloudRequestTest : public nk::test::CloudTest {
 protected:
     nk::json_ptr body_{json_pack("{s:s}", "mac", "a4:5e:60:c2:1f:0b")};
 };
 
 // A good answer and the compact body are checked where devices are registered.
 TEST_F(CloudRequestTest, FailuresLeaveTheSlotEmptyAndSayWhy) {
-    struct Case {
-        int status;
-        const char* payload;
-        const char* line;
-    };
-    for (const Case& c : {Case{3, "{}", "connect_device returned status=3"},
-                          Case{0, "", "connect_device: error parsing response"},
-                          Case{0, "not json", "connect_device: error parsing response"}}) {
-        cloud_.set("connect_device", c.payload, c.status);
+    for (const nk::json_ptr& row : nk::test::rows("cloud_failures")) {
+        const std::string line = nk::test::str(row.get(), "line");
+        cloud_.set("connect_device", nk::test::str(row.get(), "payload").c_str(),
+                   static_cast<int>(nk::test::num(row.get(), "status")));
         nk::json_ptr answer;
         nk::test::StderrCapture capture;
-        EXPECT_FALSE(cloud_request(kCloudConnectDevice, body_.get(), &answer)) << c.line;
-        EXPECT_NE(capture.text().find(c.line), std::string::npos) << c.line;
+        EXPECT_FALSE(cloud_request(kCloudConnectDevice, body_.get(), &answer)) << line;
+        EXPECT_NE(capture.text().find(line), std::string::npos) << line;
         EXPECT_EQ(answer, nullptr);
     }
 }
 
-// Filled on the bus thread.
-struct Answers {
-    std::mutex mutex;
-    std::vector<std::string> statuses;
-    std::size_t count() {
-        const std::lock_guard lock(mutex);
-        return statuses.size();
-    }
-};
-
-void on_answer(void* context, const Message* response) {
-    auto* answers = static_cast<Answers*>(context);
-    const std::lock_guard lock(answers->mutex);
-    answers->statuses.emplace_back(response->status);
-}
-
 TEST_F(CloudRequestTest, AsyncCallbackRunsOnceWithTheAnswer) {
-    Answers answers;
+    std::promise<std::string> answer;
+    std::future<std::string> status = answer.get_future();
     cloud_.set("set_device_type", "{}", 3);
-    ASSERT_TRUE(cloud_request(kCloudSetDeviceType, body_.get(), on_answer, &answers));
+    ASSERT_TRUE(cloud_request(kCloudSetDeviceType, body_.get(), nk::test::keep_status, &answer));
     // The answer is on its way once sent; waiting for it keeps a slow machine from timing out.
-    ASSERT_TRUE(nk::test::wait_until([&] { return answers.count() == 1; }));
+    ASSERT_EQ(status.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     nkex_uninit(g_nkex);  // nothing more after this
     g_nkex = nullptr;
-    ASSERT_EQ(answers.statuses.size(), 1u);
-    EXPECT_EQ(answers.statuses[0], "3");
+    EXPECT_EQ(status.get(), "3");
 }
 
 TEST_F(CloudRequestTest, RefusedAsyncRequestNeverCallsBack) {
-    Answers answers;
-    EXPECT_FALSE(cloud_request("cloud::connect/box_mgmt/#", body_.get(), on_answer, &answers));
+    std::promise<std::string> answer;
+    EXPECT_FALSE(
+        cloud_request("cloud::connect/box_mgmt/#", body_.get(), nk::test::keep_status, &answer));
     nkex_uninit(g_nkex);
     g_nkex = nullptr;
-    EXPECT_TRUE(answers.statuses.empty());
+    EXPECT_EQ(answer.get_future().wait_for(std::chrono::seconds(0)), std::future_status::timeout);
 }
 
 }  // namespace

@@ -7,15 +7,11 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
+#include <future>
 #include <optional>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include <nk/devmgmt.h>
 #include <nk/json.h>
-#include <nk/nkex.h>
 #include <nk/setmgmt.h>
 
 #include "bus_event_handlers.h"
@@ -26,6 +22,7 @@
 #include "scripted_cloud.h"
 #include "temp_dir.h"
 #include "test_broker.h"
+#include "test_data.h"
 
 namespace nk::test {
 
@@ -34,6 +31,17 @@ inline void send_probe(const std::string& text) {
     const nk::json_ptr body(json_pack("{s:s}", "probe", text.c_str()));
     nk::json_ptr answer;
     cloud_request("cloud::connect/box_mgmt/probe", body.get(), &answer);
+}
+
+// A bus answer's status, kept in the std::promise<std::string> it is given; a second answer
+// throws, which ends the test binary.
+inline void keep_status(void* promise, const Message* response) {
+    static_cast<std::promise<std::string>*>(promise)->set_value(response->status);
+}
+
+// A device's marker in the settings store: "0" or "1" once stored, "absent" before.
+inline std::string marker(const std::string& id) {
+    return nk::setMgmt::getKeyValue("/devices/" + id, "absent");
 }
 
 // A settings store and a device table of the case's own.
@@ -76,13 +84,19 @@ protected:
 struct Inbox {
     std::mutex mutex;
     std::vector<std::pair<std::string, std::string>> events;  // name, payload
+    nkex_handle* handle = nullptr;
+
+    ~Inbox() { nkex_uninit(handle); }
+    bool listen(const char* client, std::vector<const char*> names) {
+        handle = nkex_init(client, collect, this, 1);
+        return handle && nkex_subscribe(handle, names.data(), names.size()) == 0;
+    }
 
     static void collect(const Message* m, void* context) {
         auto* inbox = static_cast<Inbox*>(context);
         const std::lock_guard lock(inbox->mutex);
         inbox->events.emplace_back(m->name, std::string(m->data ? m->data : "", m->length));
     }
-    // The payload of the first event of that name.
     std::optional<std::string> find(const std::string& name) {
         const std::lock_guard lock(mutex);
         for (const auto& [event, payload] : events) {
@@ -145,7 +159,6 @@ protected:
         CloudTest::TearDown();
     }
 
-    // Bytes written to the wake-up pipe since the last call.
     static int wakes() {
         int n = 0;
         char byte = 0;

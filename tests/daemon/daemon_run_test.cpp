@@ -1,33 +1,23 @@
 // The real daemon binary against a private broker, settings store and device table.
 #include <fcntl.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <fstream>
-#include <map>
-#include <mutex>
 #include <sstream>
 
-#include <fmt/format.h>
 #include <nk/devmgmt.h>
 #include <nk/io.h>
 #include <nk/json.h>
-#include <nk/nkex.h>
 #include <nk/setmgmt.h>
 
-#include "daemon_process.h"
 #include "emulated_cloud.h"
 #include "scripted_cloud.h"
-#include "temp_dir.h"
 #include "test_broker.h"
+#include "test_data.h"
 #include "wait.h"
 
 namespace {
@@ -47,22 +37,10 @@ protected:
         return {NK_DAEMON_BIN,    "-f",       "--settings",      settings,      "--devmgmt",
                 dir_ / "devmgmt", "--broker", broker_.address(), "--log-level", "4"};
     }
-    bool start(const std::string& settings) { return daemon_.start(args(settings)); }
-    bool start() { return start(settings_); }
+    bool start() { return daemon_.start(args(settings_)); }
     int nkset(const std::string& command) {
         return nk::test::run_command(std::string(NK_NKSET_BIN) + " --settings " + settings_ + " " +
                                      command);
-    }
-
-    // Lines with `text` logged at `level` ("WARN", "DEBUG", ...).
-    int count_lines_at(const std::string& level, const std::string& text) {
-        std::istringstream log(daemon_.log());
-        int n = 0;
-        for (std::string line; std::getline(log, line);) {
-            n += line.find(" " + level + " [") != std::string::npos &&
-                 line.find(text) != std::string::npos;
-        }
-        return n;
     }
 
     // A WAN role and a BOX id are all it takes for the daemon to go on to load its devices.
@@ -92,29 +70,32 @@ TEST_F(DaemonRunTest, ExitsCleanlyOnSignal) {
     }
 }
 
+// The rows: data/startup_failures.jsonl; a second daemon on the same store among them.
 TEST_F(DaemonRunTest, StartUpFailuresExitWithStatusOne) {
-    struct Case {
-        std::string settings;
-        const char* setting;
-        bool broker;
-        const char* line;
-    };
-    // A settings root below a regular file can never be created.
     std::ofstream(dir_ / "file") << "x";
-    for (const Case& c :
-         {Case{dir_ / "file/settings", "", true, "nksetmgmt error"},
-          Case{settings_, "set /network/dhcp/leases_mode 2", true, "nkleases mode: 2"},
-          Case{settings_, "set /network/dhcp/leases_mode 0", false, "nkex_init()"}}) {
-        if (*c.setting) {
-            ASSERT_EQ(nkset(c.setting), 0);
+    for (const nk::json_ptr& row : nk::test::rows("startup_failures")) {
+        const json_t* c = row.get();
+        std::string line = nk::test::str(c, "line");
+        SCOPED_TRACE(line);
+        if (!nk::test::str(c, "setting").empty()) {
+            ASSERT_EQ(nkset(nk::test::str(c, "setting")), 0);
         }
-        if (!c.broker)
+        if (nk::test::flag(c, "no_broker"))
             broker_.stop();
+        if (nk::test::flag(c, "second")) {
+            ASSERT_TRUE(start());
+            ASSERT_TRUE(daemon_.wait_for_line("disco ready"));
+            line.replace(line.find("$PID"), 4, std::to_string(daemon_.pid()));
+        }
         DaemonProcess daemon;
-        ASSERT_TRUE(daemon.start(args(c.settings)));
-        EXPECT_EQ(daemon.wait_exit(), 1) << c.line;
-        EXPECT_EQ(daemon.count_lines(c.line), 1);
+        ASSERT_TRUE(daemon.start(
+            args(nk::test::flag(c, "below_file") ? dir_ / "file/settings" : settings_)));
+        EXPECT_EQ(daemon.wait_exit(), 1);
+        EXPECT_EQ(daemon.count_lines(line), 1);
         EXPECT_EQ(daemon.count_lines("disco ready"), 0);
+        if (nk::test::flag(c, "second")) {
+            EXPECT_EQ(daemon_.stop(SIGTERM), 0);
+        }
     }
 }
 
@@ -166,19 +147,6 @@ TEST_F(DaemonRunTest, LoadsEveryTwoSecondsUntilLoadedAndNeverStartsACollectorWit
     EXPECT_EQ(daemon_.stop(SIGTERM), 0);
 }
 
-TEST_F(DaemonRunTest, ASecondDaemonOnTheSameStoreRefusesToStart) {
-    ASSERT_TRUE(start());
-    ASSERT_TRUE(daemon_.wait_for_line("disco ready"));
-    DaemonProcess second;
-    ASSERT_TRUE(second.start(args(settings_)));
-    EXPECT_EQ(second.wait_exit(), 1);
-    EXPECT_EQ(second.count_lines("another nkdevicediscovery (pid " + std::to_string(daemon_.pid()) +
-                                 ") uses the settings store"),
-              1);
-    EXPECT_EQ(second.count_lines("disco ready"), 0);
-    EXPECT_EQ(daemon_.stop(SIGTERM), 0);
-}
-
 // A BOX of its own: the settings store and the device table on small tmpfs mounts in this
 // test's mount namespace, so they can be filled and emptied; a LAN interface in its network
 // namespace with the real collector reading a lease file. Both vanish with the process.
@@ -209,7 +177,6 @@ protected:
     }
     void TearDown() override {
         daemon_.stop(SIGTERM);
-        cloud_.process.stop(SIGTERM);
         for (const std::string& dir : mounted_)
             ::umount2(dir.c_str(), MNT_DETACH);
     }
@@ -226,7 +193,6 @@ protected:
         }
         ASSERT_TRUE(cloud_.start());
     }
-    // Writes until the mount has no room left.
     void fill(const std::string& dir) {
         const nk::io::unique_fd fd(
             ::open((dir + "/filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
@@ -237,11 +203,6 @@ protected:
         ASSERT_EQ(errno, ENOSPC);
     }
 
-    // Devices the cloud lists, the BOX among them.
-    int count_cloud() {
-        const std::string out = cloud_.run("list");
-        return static_cast<int>(std::count(out.begin(), out.end(), '\n'));
-    }
     // The id the cloud registered a MAC under; empty when it has none.
     std::string cloud_id_of(const std::string& mac) {
         std::istringstream lines(cloud_.run("list"));
@@ -279,19 +240,16 @@ protected:
     }
 
     // The devices of ids_ stored whole: a marker and a record in the table.
-    int stored_devices() {
-        int stored = 0;
+    void expect_stored() {
         for (const auto& [mac, id] : ids_) {
             nk::devMgmt::Device record;
             record.device_id = id;
             const std::string marker = nk::setMgmt::getKeyValue("/devices/" + id, "absent");
             const bool in_table = record.load_from_shmem(false, true);
             // A registration's marker is "0" until the device's next write.
-            stored += marker != "absent" && in_table;
             EXPECT_TRUE(marker != "absent" && in_table) << mac << " " << id << ": " << marker;
         }
         nk::devMgmt::close_table();
-        return stored;
     }
 
     std::vector<std::string> mounted_;
@@ -332,14 +290,15 @@ TEST_P(FullStoreTest, DelaysStorageOnly) {
     const auto& [mac, id] = *ids_.begin();
     EXPECT_EQ(ask(mac, "198.51.100.10"), id);
     // The client the cloud did not know is registered all the same.
-    ASSERT_TRUE(nk::test::wait_until([&] { return count_cloud() > kListed + 1; }, 10s));
+    ASSERT_TRUE(nk::test::wait_until(
+        [&] { return !cloud_id_of(fmt::format("02:00:00:00:01:{:02x}", kListed)).empty(); }, 10s));
     EXPECT_EQ(daemon_.count_lines("Devices loaded and synced!"), 0);
 
     for (const std::string& dir : {settings_, devmgmt_})
         ::unlink((dir + "/filler").c_str());
     ASSERT_TRUE(daemon_.wait_for_line("devices stored after", 70s));
-    EXPECT_EQ(count_lines_at("WARN", "Storage failing"), 1);
-    EXPECT_EQ(stored_devices(), kListed);
+    EXPECT_EQ(daemon_.count_lines("Storage failing"), 1);
+    expect_stored();
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, FullStoreTest,
@@ -373,7 +332,7 @@ TEST_F(DegradedStoreTest, AStoreMadeReadOnlyCatchesUpOnceWritable) {
     ASSERT_EQ(::umount2(settings_.c_str(), MNT_DETACH), 0);
     ASSERT_TRUE(daemon_.wait_for_line("devices stored after", 70s));
     ids_["02:00:00:00:02:01"] = cloud_id_of("02:00:00:00:02:01");
-    EXPECT_EQ(stored_devices(), kListed);
+    expect_stored();
     EXPECT_EQ(nk::setMgmt::getKeyValue("/devices/" + removed, "absent"), "absent");
 }
 

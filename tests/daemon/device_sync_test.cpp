@@ -4,17 +4,11 @@
 
 #include <sys/stat.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <filesystem>
-#include <map>
 #include <set>
 #include <tuple>
 
-#include <fmt/format.h>
 #include <fmt/ranges.h>
-#include <nk/devmgmt.h>
 
 #include "cloud_request.h"
 #include "daemon_fixture.h"
@@ -28,10 +22,6 @@ namespace {
 
 std::string mac_text(int n) {
     return fmt::format("02:00:00:00:00:{:02x}", n);
-}
-
-std::string marker(const std::string& id) {
-    return nk::setMgmt::getKeyValue("/devices/" + id, "absent");
 }
 
 // Bus answers take their time under the sanitizers when 256 pages come in a row.
@@ -48,76 +38,50 @@ std::string page(int number, int devices) {
                        list);
 }
 
-std::string error(const char* text) {
-    return fmt::format(R"({{"error": {{"data": {{"data": {{"err_data": "{}"}}}}}}}})", text);
-}
-
-// Answers each request with the next scripted text (the last one again when they run out).
+// Answers each request with the next text of answers_ (the last one again when they run out);
+// with none, every page asked for comes back full.
 class ScriptedCloudTest : public DeviceSyncTest {
 protected:
     void SetUp() override {
         DeviceSyncTest::SetUp();
-        ASSERT_NE(connector_ = nkex_init("nkcloudd", answer, this, 1), nullptr);
-        const char* names[] = {"cloud::connect/box_mgmt/#"};
-        ASSERT_EQ(nkex_subscribe(connector_, names, 1), 0);
+        ASSERT_TRUE(cloud_.connect());
+        cloud_.script = [this](const std::string& body, std::size_t n) {
+            n -= first_;
+            if (!answers_.empty())
+                return answers_.at(std::min(n, answers_.size() - 1));
+            const nk::json_ptr request(json_loads(body.c_str(), 0, nullptr));
+            return page(
+                static_cast<int>(json_integer_value(json_object_get(request.get(), "page"))), 20);
+        };
     }
-    void TearDown() override {
-        nkex_uninit(connector_);
-        DeviceSyncTest::TearDown();
-    }
-    // With nothing scripted, every page asked for comes back full.
-    static void answer(const Message* m, void* context) {
-        auto* self = static_cast<ScriptedCloudTest*>(context);
-        const std::size_t n = self->requests_++;
-        std::string text;
-        if (self->answers_.empty()) {
-            const nk::json_ptr body(json_loadb(m->data, m->length, 0, nullptr));
-            text =
-                page(static_cast<int>(json_integer_value(json_object_get(body.get(), "page"))), 20);
-        } else {
-            text = self->answers_.at(std::min(n, self->answers_.size() - 1));
-        }
-        nkex_send_response(self->connector_, 0, m->id, text.data(), text.size());
-    }
+    std::size_t requests() { return cloud_.sent().size() - first_; }
 
-    nkex_handle* connector_ = nullptr;
+    nk::test::ScriptedCloud cloud_;
     std::vector<std::string> answers_;
-    std::atomic<std::size_t> requests_{0};
+    std::size_t first_ = 0;
 };
 
+// [n, k] in a row of data/device_pages.jsonl is page n with k devices.
 TEST_F(ScriptedCloudTest, AnswersOutsideTheProtocolEndTheLoad) {
-    struct Case {
-        std::vector<std::string> answers;
-        bool loaded;
-        std::size_t devices, requests;
-        const char* line;
-    };
-    for (const Case& c : {
-             Case{{page(0, 20), page(1, 20), page(2, 0)}, true, 40, 3, "loading devices"},
-             Case{{page(0, 20), page(2, 20)}, false, 20, 2, "Page 1 was expected, but page 2"},
-             Case{{R"({"result": {"count": 1, "devices": []}})"}, false, 0, 1, "field page"},
-             Case{{R"({"result": {"page": 0, "devices": []}})"}, false, 0, 1, "field count"},
-             Case{{R"({"result": {"page": 0, "count": 1}})"}, false, 0, 1, "extract devices"},
-             // The cloud's "empty list" error fails the load; any other error text ends it.
-             Case{{page(0, 20), error("Empty LIST provided")}, false, 20, 2, "list_devices failed"},
-             Case{{page(0, 20), error("no such box")}, true, 20, 2, "empty device list"},
-         }) {
-        answers_ = c.answers;
-        requests_ = 0;
+    for (const nk::json_ptr& row : nk::test::rows("device_pages")) {
+        const json_t* c = row.get();
+        SCOPED_TRACE(nk::test::str(c, "line"));
+        answers_.clear();
+        std::size_t i = 0;
+        const json_t* a = nullptr;
+        json_array_foreach(json_object_get(c, "answers"), i, a) {
+            answers_.push_back(
+                json_is_array(a) ? page(static_cast<int>(json_integer_value(json_array_get(a, 0))),
+                                        static_cast<int>(json_integer_value(json_array_get(a, 1))))
+                                 : nk::json_dump_compact(a));
+        }
+        first_ = cloud_.sent().size();
         nk::test::StderrCapture capture;
-        EXPECT_EQ(load_devices_from_cloud(), c.loaded) << c.line;
-        EXPECT_NE(capture.text().find(c.line), std::string::npos) << c.line;
-        EXPECT_EQ(g_devices.size(), c.devices) << c.line;
-        EXPECT_EQ(requests_, c.requests) << c.line;
+        EXPECT_EQ(load_devices_from_cloud(), nk::test::flag(c, "loaded"));
+        EXPECT_NE(capture.text().find(nk::test::str(c, "line")), std::string::npos);
+        EXPECT_EQ(g_devices.size(), static_cast<std::size_t>(nk::test::num(c, "devices")));
+        EXPECT_EQ(requests(), static_cast<std::size_t>(nk::test::num(c, "requests")));
     }
-}
-
-TEST_F(ScriptedCloudTest, ACountThatFullPagesNeverMeetEndsAtThePageBound) {
-    nk::test::StderrCapture capture;
-    EXPECT_TRUE(load_devices_from_cloud());
-    EXPECT_EQ(requests_, 256u);
-    EXPECT_EQ(g_devices.size(), 256u * 20);
-    EXPECT_NE(capture.text().find("stopping after 256 full pages"), std::string::npos);
 }
 
 class EmulatedCloudTest : public DeviceSyncTest {
@@ -140,6 +104,14 @@ protected:
             "onbox", 1, "ip_list", mac.c_str(), "ipv4", "192.168.1.10", "ip", "192.168.1.99"));
         nk::json_ptr answer;
         ASSERT_TRUE(cloud_request(kCloudSetDeviceOnbox, body.get(), &answer));
+    }
+
+    // What the daemon does at start: the cloud's list, reconciled with what storage holds.
+    static void reload() {
+        std::vector<Device> stored;
+        ASSERT_TRUE(load_devices_from_cloud());
+        ASSERT_TRUE(load_devices_from_storage(stored));
+        sync_devices_to_storage(stored);
     }
 
     nk::test::EmulatedCloud cloud_{dir_ / "cloud.db"};
@@ -192,10 +164,7 @@ TEST_F(EmulatedCloudTest, SyncCarriesLocalStateOverAndDropsWhatTheCloudForgot) {
         g_fingerprint_cache.add(mac, {});
     }
 
-    ASSERT_TRUE(load_devices_from_cloud());
-    std::vector<Device> stored;
-    ASSERT_TRUE(load_devices_from_storage(stored));
-    sync_devices_to_storage(stored);
+    reload();
 
     const Device* m = find_device_by_dev_id(managed);
     ASSERT_NE(m, nullptr);
@@ -212,20 +181,16 @@ TEST_F(EmulatedCloudTest, SyncCarriesLocalStateOverAndDropsWhatTheCloudForgot) {
     ASSERT_NE(f, nullptr);
     EXPECT_EQ(f->local.device_id, fresh);
     EXPECT_EQ(f->local.onbox_info.onbox, 0);
-    EXPECT_EQ(marker(fresh), "1");
-    EXPECT_EQ(marker("gone"), "absent");
+    EXPECT_EQ(nk::test::marker(fresh), "1");
+    EXPECT_EQ(nk::test::marker("gone"), "absent");
     EXPECT_FALSE(load_device_from_storage("gone"));
     EXPECT_EQ(g_user_agent_cache.count(forgotten) + g_fingerprint_cache.count(forgotten), 0u);
     EXPECT_EQ(g_user_agent_cache.count(kept), 1u);
 
     // The BOX keeps its addresses through the load and through every reload after it.
     for (int load = 0; load < 2; ++load) {
-        if (load > 0) {
-            ASSERT_TRUE(load_devices_from_cloud());
-            stored.clear();
-            ASSERT_TRUE(load_devices_from_storage(stored));
-            sync_devices_to_storage(stored);
-        }
+        if (load > 0)
+            reload();
         const std::optional<Device> b = load_device_from_storage(g_device_id);
         ASSERT_TRUE(b) << load;
         EXPECT_EQ(b->local.macips.get_ips(box_mac, true), box.local.macips.get_ips(box_mac, true))
@@ -254,12 +219,6 @@ StoreTimes store_times(const std::string& root) {
 TEST_F(EmulatedCloudTest, AReloadOfUnchangedDevicesWritesNothingToTheStore) {
     for (int i = 1; i <= 3; ++i)
         emu("add " + mac_text(i));
-    const auto reload = [] {
-        std::vector<Device> stored;
-        ASSERT_TRUE(load_devices_from_cloud());
-        ASSERT_TRUE(load_devices_from_storage(stored));
-        sync_devices_to_storage(stored);
-    };
     reload();
     const std::string root = dir_ / "settings";
     store_times(root);  // the listing reads the folders once, which may set their access times
@@ -285,11 +244,11 @@ TEST_F(EmulatedCloudTest, RefreshStoresChangedFieldsAndKeepsThisBoxsOnbox) {
     emu("rename " + id + " Tablet");
     ASSERT_TRUE(d.update_device_fields_from_cloud({"friendly_name"}, false));
     EXPECT_EQ(d.cloud.display_name, "Tablet");  // asked for along with any *_name
-    EXPECT_EQ(marker(id), "1");
+    EXPECT_EQ(nk::test::marker(id), "1");
     ASSERT_TRUE(write_device_to_storage(d, false));
     ASSERT_TRUE(d.update_device_fields_from_cloud(
         {"friendly_name", "device_os", "va_scan_level", "traffic", "apps", "onbox"}, true));
-    EXPECT_EQ(marker(id), "0") << "nothing changed, nothing written";
+    EXPECT_EQ(nk::test::marker(id), "0") << "nothing changed, nothing written";
 
     set_onbox(id, mac_text(1));
     ASSERT_TRUE(d.update_device_fields_from_cloud({"box_device_id", "onbox"}, false));

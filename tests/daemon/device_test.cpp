@@ -3,13 +3,8 @@
 #include "device.h"
 
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <nk/constants.h>
-#include <nk/nkerrno.h>
-#include <nk/setmgmt.h>
 
 #include "daemon_fixture.h"
 #include "daemon_state.h"
@@ -91,11 +86,7 @@ TEST_F(DeviceKeyTest, KeyHeldByAnotherProcessFailsAfterTheBoundedWait) {
     ASSERT_EQ(ok, '1');
 
     nk::setMgmt::set_lock_timeout_ms(100);
-    nk::test::StderrCapture err;
     EXPECT_FALSE(device_.lock_device_key());
-    EXPECT_NE(
-        err.text().find("Failed to lock device key /devices/dev1: " + nk::errno_text(EWOULDBLOCK)),
-        std::string::npos);
     for (const int fd : {locked[0], locked[1], release[0], release[1]})
         ::close(fd);
     ASSERT_EQ(::waitpid(child, nullptr, 0), child);

@@ -1,9 +1,6 @@
 // The captured client messages of data/dhcp_captures.jsonl for the DHCP benchmark.
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "test_data.h"
 
 namespace nk::test {

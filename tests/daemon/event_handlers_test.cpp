@@ -1,15 +1,7 @@
 // The bus event handlers on a real broker: what each event queues, what it drops with which
 // line, and that the loop is woken for what was queued (rows: data/bus_events.jsonl).
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cstring>
-#include <functional>
-#include <string>
-#include <vector>
 
 #include <fmt/format.h>
-#include <nk/json.h>
 #include <nk/log.h>
 #include <nk/util.h>
 
@@ -19,7 +11,6 @@
 #include "dhcp_captures.h"
 #include "network_info.h"
 #include "stderr_capture.h"
-#include "test_data.h"
 #include "wait.h"
 
 namespace {
@@ -28,11 +19,6 @@ using nk::test::flag;
 using nk::test::num;
 using nk::test::str;
 using nk::test::strs;
-
-std::string hex_to_base64(const std::string& hex) {
-    const std::vector<std::uint8_t> bytes = nk::test::from_hex(hex);
-    return nk::base64_encode(std::string(bytes.begin(), bytes.end()));
-}
 
 template <typename T>
 std::vector<T> take(std::vector<T>& queue, std::mutex& mutex) {
@@ -81,29 +67,10 @@ protected:
     int markers_ = 0;
 };
 
-// Placeholders in the rows: the captured packets as the sifter sends them, and a megabyte.
+// "$BIG" in a row stands for a megabyte.
 std::string expand(std::string data) {
-    const nk::json_ptr v4 = nk::test::capture(false, "Discover");
-    const nk::json_ptr v6 = nk::test::capture(true, "Solicit");
-    const std::pair<const char*, std::string> values[] = {
-        {"$V4", hex_to_base64(str(v4.get(), "udp"))},
-        {"$V6", hex_to_base64(str(v6.get(), "udp"))},
-        {"$MAC6", str(v6.get(), "source_mac")},
-        {"$MAC", str(v4.get(), "source_mac")},
-        {"$BIG", std::string(1 << 20, 'A')}};
-    for (const auto& [name, value] : values) {
-        for (std::size_t at; (at = data.find(name)) != std::string::npos;)
-            data.replace(at, std::strlen(name), value);
-    }
-    return data;
-}
-
-std::atomic<int> g_answers{0};
-std::string g_last_status;
-
-void count_answer(void* /*context*/, const Message* response) {
-    g_last_status = response->status;
-    ++g_answers;
+    const std::size_t at = data.find("$BIG");
+    return at == std::string::npos ? data : data.replace(at, 4, std::string(1 << 20, 'A'));
 }
 
 // Every row starts from the row's load state and checks every queue, so an event that lands
@@ -121,14 +88,13 @@ TEST_F(EventHandlersTest, EachEventQueuesWhatItCarriesOrIsDroppedWithItsLine) {
         }
         std::string log;
         if (flag(c, "request")) {
-            g_answers = 0;
+            std::promise<std::string> status;
             nk::test::StderrCapture capture;
             ASSERT_EQ(nkex_send_request(sifter_, event.c_str(), data.data(), data.size(),
-                                        count_answer, nullptr),
+                                        nk::test::keep_status, &status),
                       0);
             // Nobody answers here: the request times out, which is the event waited for.
-            ASSERT_TRUE(nk::test::wait_until([] { return g_answers == 1; }));
-            EXPECT_EQ(g_last_status, NKEX_STATUS_TIMEOUT);
+            EXPECT_EQ(status.get_future().get(), NKEX_STATUS_TIMEOUT);
             log = capture.text();
         } else {
             // The bus traces what it receives; a megabyte of it would fill the captured stderr.
@@ -149,22 +115,16 @@ TEST_F(EventHandlersTest, EachEventQueuesWhatItCarriesOrIsDroppedWithItsLine) {
             EXPECT_EQ(dhcp[0].fingerprint.version, version == 6);
             EXPECT_FALSE(dhcp[0].fingerprint.option_list.empty());
         }
-        ASSERT_EQ(agents.size(), flag(c, "user_agent") ? 1u : 0u);
-        ASSERT_EQ(requests.size(), flag(c, "device_id_request") ? 1u : 0u);
-        if (!agents.empty()) {
-            EXPECT_EQ(agents[0].mac, macaddr("02:4e:4b:00:00:01"));
-            EXPECT_EQ(agents[0].ip, address("192.168.1.20"));
-            EXPECT_EQ(agents[0].user_agent, "curl/7.88.1");
-        }
-        if (!requests.empty()) {
-            EXPECT_EQ(requests[0].mac, macaddr("02:4e:4b:00:00:01"));
-            EXPECT_EQ(requests[0].ip, address("192.168.1.20"));
-            EXPECT_NE(requests[0].request_id, 0u);
-        }
-        const int woken = wakes();
-        if (event.rfind("sifter_", 0) == 0) {
-            EXPECT_EQ(woken, 1 + static_cast<int>(dhcp.size() + agents.size()));  // and the marker
-        }
+        std::vector<std::string> seen;
+        for (const auto& agent : agents)
+            seen.push_back(fmt::format("{} {} {}", agent.mac, agent.ip, agent.user_agent));
+        EXPECT_EQ(seen, strs(c, "user_agents"));
+        seen.clear();
+        for (const auto& request : requests)
+            seen.push_back(fmt::format("{} {}", request.mac, request.ip));
+        EXPECT_EQ(seen, strs(c, "requests"));
+        const int woken = wakes(), queued = static_cast<int>(dhcp.size() + agents.size());
+        EXPECT_TRUE(event.rfind("sifter_", 0) != 0 || woken == queued + 1) << woken;
 
         EXPECT_EQ(take(g_removed_devices, g_removed_devices_mutex), strs(c, "removed"));
         const std::vector<ChangedInfo> changed = take(g_changed_devices, g_changed_devices_mutex);

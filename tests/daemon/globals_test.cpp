@@ -1,10 +1,7 @@
 // Tunables read from a real settings store, and feature flags following the store.
 #include "daemon_state.h"
 
-#include <gtest/gtest.h>
-
 #include <nk/featureutl.h>
-#include <nk/setmgmt.h>
 
 #include "daemon_fixture.h"
 
@@ -27,13 +24,8 @@ protected:
 };
 
 TEST_F(GlobalsTest, StoreValuesOverrideDefaults) {
-    set("/daemons/nkdevicediscovery/retry_interval", "7");
-    set("/daemons/nkcloudd/retry_interval/update_name", "90");
-    set("/daemons/nkdevicediscovery/subprocess_respawn_retries", "2");
-    set("/daemons/nkdevicediscovery/avahi_max_cache_size", "3");
-    set("/daemons/nkdevicediscovery/sync_poll_interval", "15");
-    set("/daemons/nkcloudd/device_id", "box-1");
-    set("/features/ids/0", "1");
+    for (const nk::json_ptr& row : nk::test::rows("tunables"))
+        set(nk::test::str(row.get(), "key"), nk::test::str(row.get(), "value"));
     ASSERT_TRUE(init_globals());
     EXPECT_EQ(g_retry_interval["default"], 7);
     EXPECT_EQ(g_retry_interval["update_box_detected_name"], 90);
@@ -48,20 +40,16 @@ TEST_F(GlobalsTest, StoreValuesOverrideDefaults) {
 }
 
 TEST_F(GlobalsTest, AddDeviceToCloudIsTheLongerNeighbourExpiry) {
-    struct Case {
-        const char* v4;
-        const char* v6;
-        int expected;
-    };
-    for (const Case& c : {Case{"60", "300", 300}, Case{"400", "300", 400}, Case{"", "500", 500},
-                          Case{"junk", "", 180}}) {
+    for (const nk::json_ptr& row : nk::test::rows("neighbour_expiry")) {
+        const json_t* c = row.get();
+        SCOPED_TRACE(nk::json_dump_compact(c));
         nk::setMgmt::deleteKey("/daemons");
-        if (*c.v4)
-            set(g_neigh_expiry_time_key, c.v4);
-        if (*c.v6)
-            set(g_neigh_expiry_time_v6_key, c.v6);
+        if (json_object_get(c, "v4"))
+            set(g_neigh_expiry_time_key, nk::test::str(c, "v4"));
+        if (json_object_get(c, "v6"))
+            set(g_neigh_expiry_time_v6_key, nk::test::str(c, "v6"));
         ASSERT_TRUE(init_globals());
-        EXPECT_EQ(g_retry_interval["add_device_to_cloud"], c.expected) << c.v4 << "/" << c.v6;
+        EXPECT_EQ(g_retry_interval["add_device_to_cloud"], nk::test::num(c, "expected"));
     }
 }
 

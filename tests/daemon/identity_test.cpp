@@ -1,18 +1,6 @@
-// Device ids handed to other daemons: temporary ids, their announcements on a real broker,
-// answers to requests, and real MACs behind mangled ones.
-#include <gtest/gtest.h>
+// Device ids handed to other daemons: temporary ids and their announcements on a real broker.
 
-#include <array>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <nk/devmgmt.h>
-#include <nk/json.h>
 #include <nk/log.h>
-#include <nk/setmgmt.h>
 
 #include "daemon_fixture.h"
 #include "daemon_state.h"
@@ -26,8 +14,7 @@
 namespace {
 
 macaddr nth_mac(int n) {
-    return macaddr(std::array<std::uint8_t, 6>{0x02, 0, 0, 0, static_cast<std::uint8_t>(n >> 8),
-                                               static_cast<std::uint8_t>(n & 0xff)});
+    return macaddr(fmt::format("02:00:00:00:{:02x}:{:02x}", n >> 8, n & 0xff));
 }
 
 std::string temporary_id(int n) {
@@ -39,17 +26,10 @@ protected:
     IdentityTest() : StoreTest("2000") {}
     void SetUp() override {
         StoreTest::SetUp();
-        ASSERT_NE(peer_ = nkex_init("listener", nk::test::Inbox::collect, &inbox_, 1), nullptr);
-        const char* events[] = {"permanent_device_id", "clear_device_id_cache"};
-        ASSERT_EQ(nkex_subscribe(peer_, events, 2), 0);
-    }
-    void TearDown() override {
-        nkex_uninit(peer_);
-        StoreTest::TearDown();
+        ASSERT_TRUE(inbox_.listen("listener", {"permanent_device_id", "clear_device_id_cache"}));
     }
 
     nk::test::Inbox inbox_;
-    nkex_handle* peer_ = nullptr;
 };
 
 TEST_F(IdentityTest, TemporaryIdsArePaddedStablePerMacAndYieldToKnownDevices) {
@@ -107,28 +87,6 @@ TEST_F(IdentityTest, AConfirmedMacIsAnnouncedOnlyOnceItsDeviceIsStoredAndUnlocke
     EXPECT_EQ(inbox_.find("permanent_device_id"),
               R"({"temp_device_id": ")" + temporary + R"(", "cloud_device_id": "cloud-9"})");
     EXPECT_EQ(g_temporary_device_ids.count(mac_key(mac)), 0u);
-}
-
-TEST(RealMac, FakeMacIsReplacedOnlyWhenItsIpMatches) {
-    const macaddr real("aa:aa:aa:00:00:01");
-    const macaddr fake("02:00:00:00:00:01");
-    const address ip("192.168.1.10");
-    {
-        nk::test::StderrCapture capture;
-        EXPECT_EQ(get_real_mac(fake, ip), fake);
-        EXPECT_EQ(capture.text(), "") << "an empty table logs nothing";
-    }
-    g_mangled_macs = {{macaddr("aa:aa:aa:00:00:09"), macaddr("02:00:00:00:00:09"), ip},
-                      {real, fake, ip}};
-    struct Case {
-        macaddr mac;
-        address ip;
-        macaddr expected;
-    };
-    for (const Case& c : {Case{fake, ip, real}, Case{fake, address("192.168.1.11"), fake},
-                          Case{real, ip, real}, Case{fake, address("fe80::1"), fake}}) {
-        EXPECT_EQ(get_real_mac(c.mac, c.ip), c.expected) << fmt::format("{} {}", c.mac, c.ip);
-    }
 }
 
 }  // namespace

@@ -1,12 +1,9 @@
 // Ignored MACs from a real settings store, pending devices, host names, user agents, trimming.
-#include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
 #include <unordered_set>
 
 #include <nk/constants.h>
-#include <nk/setmgmt.h>
 
 #include "daemon_fixture.h"
 #include "daemon_state.h"
@@ -60,18 +57,12 @@ TEST(PendingDevices, OnePerLocalIdNamedByTheLeasesAndNoneInLeasesMode) {
 }
 
 TEST(StrRtrim, TrailingWhiteSpaceOnly) {
-    struct Case {
-        const char* in;
-        const char* out;
-        bool last_was_space;
-    };
-    for (const Case& c :
-         {Case{"eth0 \t\n", "eth0", false}, Case{"a b", "a b", false}, Case{"  \t", "", true},
-          Case{"", "", false}, Case{" lead\r\v\f", " lead", false}}) {
-        std::string buffer(c.in);
+    for (const nk::json_ptr& row : nk::test::rows("rtrim")) {
+        std::string buffer = nk::test::str(row.get(), "in");
+        SCOPED_TRACE(buffer);
         buffer.push_back('\0');
-        EXPECT_EQ(str_rtrim(buffer.data()) != 0, c.last_was_space) << c.in;
-        EXPECT_STREQ(buffer.c_str(), c.out) << c.in;
+        EXPECT_EQ(str_rtrim(buffer.data()) != 0, nk::test::flag(row.get(), "last_was_space"));
+        EXPECT_EQ(buffer.c_str(), nk::test::str(row.get(), "out"));
     }
 }
 

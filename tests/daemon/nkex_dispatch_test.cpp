@@ -7,10 +7,9 @@
 
 namespace {
 
-// Which handler each event reaches is checked end to end by the event handler tests.
-TEST(NkexDispatch, EverySubscribedEventHasAHandlerAndNearMissesNone) {
-    for (const char* name : kSubscribedEvents)
-        EXPECT_NE(find_nkex_handler(name), nullptr) << name;
+// That every subscribed event reaches its handler is checked end to end by the event handler
+// tests; a name is matched whole.
+TEST(NkexDispatch, NearMissesOfASubscribedNameHaveNoHandler) {
     for (const char* name : {"Request_device_id", "request_device_id2", "request_device", "",
                              "sifter_user_agent ", "devmgmt:device_inventory/x"}) {
         EXPECT_EQ(find_nkex_handler(name), nullptr) << name;

@@ -1,23 +1,35 @@
-// Registering devices and reporting host names.
-#include <optional>
-#include <string>
-#include <vector>
+// Registering devices, reporting host names, and the onbox reports with the gate that switches
+// them off.
 
 #include "daemon_fixture.h"
 #include "device.h"
 #include "device_identity.h"
 #include "device_storage.h"
 #include "scripted_cloud.h"
+#include "stderr_capture.h"
+#include "wait.h"
 
 namespace {
 
+using nk::test::str;
+
 const macaddr kMac("a4:5e:60:c2:1f:0b");
 
-class RegistrationTest : public nk::test::CloudTest {};
+nk::onbox::Guardian& gate() {
+    return nk::onbox::Guardian::instance();
+}
+
+class RegistrationTest : public nk::test::CloudTest {
+protected:
+    void SetUp() override {
+        CloudTest::SetUp();
+        g_feature_onbox_status = true;
+        ASSERT_TRUE(gate().init());
+    }
+};
+using OnboxTest = RegistrationTest;
 
 TEST_F(RegistrationTest, ConnectRegistersReportsAndBlocksTheMacForTheInterval) {
-    g_feature_onbox_status = true;
-    ASSERT_TRUE(nk::onbox::Guardian::instance().init());
     g_sync_poll_interval = 60;
     g_device_info_sync_timer = nk::time::Timer::make(nk::time::TIMER_OWNED);
     g_temporary_device_ids[mac_key(kMac)] = "00000000-0000-0000-0000-000000000001";
@@ -35,7 +47,7 @@ TEST_F(RegistrationTest, ConnectRegistersReportsAndBlocksTheMacForTheInterval) {
     EXPECT_EQ(requests[0].second,
               R"({"box_detected_name": "laptop", "mac": ")" + kMac.to_string(false) + R"("})");
     EXPECT_EQ(requests[2].first, "set_device_onbox");
-    EXPECT_EQ(nk::setMgmt::getKeyValue("/devices/d-1", "absent"), "0");
+    EXPECT_EQ(nk::test::marker("d-1"), "0");
     EXPECT_TRUE(load_device_from_storage("d-1").has_value());
     EXPECT_TRUE(g_temporary_device_ids.empty()) << "the permanent id was not announced";
 
@@ -69,34 +81,109 @@ TEST_F(RegistrationTest, FailedRegistrationLeavesNoStampSoTheNextSightingRetries
     EXPECT_EQ(sent(), 10u);
 }
 
+// Rows: data/name_updates.jsonl; without a cloud_id nothing may be sent.
 TEST_F(RegistrationTest, NameUpdates) {
-    struct Case {
-        const char* name;
-        const char* cloud_id;  // null: nothing may be sent
-        const char* kept_name;
-    };
-    for (const Case& c : {Case{"", nullptr, "laptop"}, Case{"*", nullptr, "laptop"},
-                          Case{"laptop", nullptr, "laptop"}, Case{"old", nullptr, "laptop"},
-                          Case{"desk", "d-1", "desk"}, Case{"desk-2", "d-9", "laptop"}}) {
+    for (const nk::json_ptr& row : nk::test::rows("name_updates")) {
+        const std::string name = str(row.get(), "name"), cloud_id = str(row.get(), "cloud_id");
+        SCOPED_TRACE(name);
         g_connect_device_times.clear();
         g_cloud_devices_loaded = g_local_devices_loaded = true;
-        if (c.cloud_id)
-            cloud_.set("connect_device", nk::test::id_answer(c.cloud_id).c_str());
+        if (!cloud_id.empty())
+            cloud_.set("connect_device", nk::test::id_answer(cloud_id).c_str());
         Device device("d-1", kMac, {}, "laptop");
         device.cloud.device_id = "d-1";
         device.cloud.box_detected_name_history = {"old"};
         const std::size_t before = sent();
 
-        device.update_box_detected_name(c.name);
+        device.update_box_detected_name(name);
 
-        EXPECT_EQ(sent(), before + (c.cloud_id ? 1 : 0)) << c.name;
-        EXPECT_EQ(device.cloud.box_detected_name, c.kept_name) << c.name;
-        const bool reloads = c.cloud_id && std::string(c.cloud_id) != "d-1";
-        EXPECT_EQ(g_cloud_devices_loaded || g_local_devices_loaded, !reloads) << c.name;
+        EXPECT_EQ(sent(), before + (cloud_id.empty() ? 0 : 1));
+        EXPECT_EQ(device.cloud.box_detected_name, str(row.get(), "kept"));
+        const bool reloads = !cloud_id.empty() && cloud_id != "d-1";
+        EXPECT_EQ(g_cloud_devices_loaded || g_local_devices_loaded, !reloads);
     }
     const std::optional<Device> stored = load_device_from_storage("d-1");
     ASSERT_TRUE(stored.has_value());
     EXPECT_EQ(stored->cloud.box_detected_name, "desk");
+}
+
+Device pending(int onbox, const std::string& box_device_id) {
+    Device device("d-1", kMac, {}, "laptop");
+    device.cloud.device_id = "d-1";
+    device.cloud.box_device_id = box_device_id;
+    device.local.macips.add_mac(kMac);
+    device.local.onbox_info = OnboxInfo{onbox, true, 0};
+    return device;
+}
+
+// The rows: data/onbox_reports.jsonl; a null body is never reported.
+TEST_F(OnboxTest, WhatIsReportedAndWhatASuccessChanges) {
+    for (const nk::json_ptr& row : nk::test::rows("onbox_reports")) {
+        const json_t* c = row.get();
+        const json_t* body = json_object_get(c, "body");
+        SCOPED_TRACE(nk::json_dump_compact(c));
+        Device device =
+            pending(static_cast<int>(nk::test::num(c, "onbox")), nk::test::str(c, "box_device_id"));
+        if (nk::test::flag(c, "with_addresses")) {
+            device.cloud.onguest = 1;
+            for (const char* ip : {"192.168.1.20", "fe80::1", "2001:db8::5"})
+                device.local.macips.add_ip(kMac, address(ip));
+            device.local.macips.add_mac(macaddr("a4:5e:60:c2:1f:0c"));  // no address: left out
+        }
+        const std::size_t before = sent();
+
+        device.handle_onbox_info();
+
+        ASSERT_EQ(sent(), before + (json_is_null(body) ? 0 : 1));
+        if (!json_is_null(body)) {
+            const nk::json_ptr sent_body(
+                json_loads(cloud_.sent().back().second.c_str(), 0, nullptr));
+            EXPECT_TRUE(json_equal(sent_body.get(), body)) << cloud_.sent().back().second;
+        }
+        EXPECT_FALSE(device.local.onbox_info.to_send);
+        EXPECT_EQ(device.cloud.box_device_id, nk::test::str(c, "box_after"));
+        EXPECT_EQ(nk::test::marker("d-1"), "1");
+        nk::setMgmt::deleteKey("/devices/d-1");
+    }
+}
+
+TEST_F(OnboxTest, GateFollowsTheSwitchWhileRunning) {
+    Device device = pending(1, "box-1");
+    for (const char* value : {"0", "1"}) {
+        ASSERT_EQ(nk::setMgmt::setKey("/features/onbox/enabled", value), 0);
+        ASSERT_TRUE(nk::test::wait_readable(gate().get_fd()));
+        gate().read_fd();
+        EXPECT_EQ(gate().allows(), value[0] == '1');
+        device.handle_onbox_info();
+        EXPECT_EQ(sent(), value[0] == '1' ? 1u : 0u);
+    }
+    g_feature_onbox_status = false;
+    EXPECT_FALSE(gate().allows());
+}
+
+TEST_F(OnboxTest, CloudFailureKeepsTheReportPendingForALaterTry) {
+    for (const nk::json_ptr& row : nk::test::rows("onbox_failures")) {
+        const json_t* c = row.get();
+        SCOPED_TRACE(nk::test::str(c, "line"));
+        g_now = 1000;
+        cloud_.set("set_device_onbox",
+                   json_object_get(c, "answer") ? nk::test::str(c, "answer").c_str() : nullptr,
+                   static_cast<int>(nk::test::num(c, "status")));
+        Device device = pending(1, "box-1");
+        nk::test::StderrCapture capture;
+        device.handle_onbox_info();
+        EXPECT_NE(capture.text().find(nk::test::str(c, "line")), std::string::npos);
+
+        const std::size_t before = sent();
+        cloud_.set("set_device_onbox", R"({"result": {}})");
+        g_now = 1029;  // too soon: nothing sent, still pending
+        EXPECT_TRUE(device.send_onbox_to_cloud());
+        EXPECT_TRUE(device.local.onbox_info.to_send);
+        g_now = 1030;
+        device.handle_onbox_info();
+        EXPECT_EQ(sent(), before + 1);
+        EXPECT_FALSE(device.local.onbox_info.to_send);
+    }
 }
 
 }  // namespace

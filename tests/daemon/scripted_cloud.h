@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -19,6 +20,8 @@ struct ScriptedCloud {
     std::vector<std::pair<std::string, std::string>> requests;   // command and body
     std::vector<std::chrono::steady_clock::time_point> times;    // of each request
     nkex_handle* handle = nullptr;
+    // When set, answers every request instead: from its body and how many came before it.
+    std::function<std::string(const std::string& body, std::size_t n)> script;
 
     ~ScriptedCloud() { nkex_uninit(handle); }
     bool connect() {
@@ -38,6 +41,15 @@ struct ScriptedCloud {
         const std::lock_guard lock(mutex);
         return requests;
     }
+    std::vector<std::string> bodies(const std::string& command) {
+        const std::lock_guard lock(mutex);
+        std::vector<std::string> out;
+        for (const auto& [name, body] : requests) {
+            if (name == command)
+                out.push_back(body);
+        }
+        return out;
+    }
     std::vector<std::chrono::steady_clock::time_point> sent_at() {
         const std::lock_guard lock(mutex);
         return times;
@@ -50,7 +62,11 @@ struct ScriptedCloud {
         cloud->requests.emplace_back(command, std::string(m->data ? m->data : "", m->length));
         cloud->times.push_back(std::chrono::steady_clock::now());
         const auto it = cloud->answers.find(command);
-        if (it != cloud->answers.end())
+        if (cloud->script) {
+            const std::string text =
+                cloud->script(cloud->requests.back().second, cloud->times.size() - 1);
+            nkex_send_response(cloud->handle, 0, m->id, text.data(), text.size());
+        } else if (it != cloud->answers.end())
             nkex_send_response(cloud->handle, it->second.first, m->id, it->second.second.data(),
                                it->second.second.size());
     }

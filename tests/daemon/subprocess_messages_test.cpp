@@ -1,14 +1,7 @@
-// The collector as the daemon sees it: its restart policy, and its lease snapshots applied to
-// the inventory against a real broker, settings store and device table.
+// The collector as the daemon sees it: its restart policy, and its lease snapshots and service
+// reports applied to the inventory against a real broker, settings store and device table.
 #include <sys/stat.h>
 
-#include <fstream>
-#include <string>
-#include <vector>
-
-#include <nk/devmgmt.h>
-#include <nk/json.h>
-#include <nk/setmgmt.h>
 #include <nk/util.h>
 
 #include "daemon_fixture.h"
@@ -17,15 +10,16 @@
 #include "device_identity.h"
 #include "host_names.h"
 #include "network_info.h"
+#include "service_info.h"
+#include "service_submission.h"
 #include "subprocess_messages.h"
 #include "wait.h"
 
 namespace {
 
 using nk::netMgmt::Interface;
-
-const macaddr kLaptop("00:00:5e:00:53:11");
-const macaddr kVisitor("00:00:5e:00:53:14");
+using nk::test::flag;
+using nk::test::str;
 
 TEST(RestartPolicy, ACollectorThatDiesAtOnceIsStartedSixTimesThenLeftUntilTheThreshold) {
     nk::test::TempDir dir;
@@ -70,17 +64,6 @@ TEST(RestartPolicy, ACollectorThatDiesAtOnceIsStartedSixTimesThenLeftUntilTheThr
     g_subprocess.reset();
 }
 
-std::string leases_message(const std::string& leases, const std::string& mangled = "") {
-    return R"({"type": "leases", "data": {"leases": )" + leases +
-           (mangled.empty() ? "" : R"(, "mangled_macs": )" + mangled) + "}}";
-}
-
-std::string lease(const macaddr& mac, const std::string& ips, const std::string& host,
-                  const std::string& iface) {
-    return R"({"mac": ")" + mac.to_string() + R"(", "ips": )" + ips + R"(, "host": ")" + host +
-           R"(", "iface": ")" + iface + R"("})";
-}
-
 Interface interface(const std::string& name, nk::netMgmt::InterfaceType type, bool guest,
                     const char* ip, int prefix) {
     Interface iface(name, type, guest);
@@ -89,11 +72,20 @@ Interface interface(const std::string& name, nk::netMgmt::InterfaceType type, bo
     return iface;
 }
 
-class LeaseProcessingTest : public nk::test::CloudTest {
+// Members a row leaves out are not checked.
+void expect_member(const json_t* row, const char* key, long long actual) {
+    const json_t* v = json_object_get(row, key);
+    EXPECT_TRUE(!v || actual == (json_is_boolean(v) ? json_is_true(v) : json_integer_value(v)))
+        << key << ": " << actual;
+}
+
+class CollectorMessagesTest : public nk::test::CloudTest {
 protected:
     void SetUp() override {
         CloudTest::SetUp();
         g_feature_onbox_status = true;
+        g_feature_additional_info = false;
+        g_avahi_max_cache_size = g_upnp_max_cache_size = g_netbios_max_cache_size = 10;
         ASSERT_TRUE(nk::onbox::Guardian::instance().init());
         const std::lock_guard lock(g_interfaces_mutex);
         g_interfaces = {interface("br-lan", nk::netMgmt::LAN, false, "198.51.100.1", 24),
@@ -101,139 +93,119 @@ protected:
                         interface("wan0", nk::netMgmt::WAN, false, "203.0.113.2", 24)};
     }
 
-    void feed(const std::string& line) { process_subprocess_messages({line}); }
+    // The rows of one case (data/collector_messages.jsonl): the collector's messages in order,
+    // each with the inventory, store and cloud requests it must leave behind.
+    void play(const std::string& name) {
+        for (const nk::json_ptr& row : nk::test::rows("collector_messages")) {
+            const json_t* s = row.get();
+            if (str(s, "case") != name)
+                continue;
+            SCOPED_TRACE(nk::json_dump_compact(s));
+            g_now += nk::test::num(s, "advance");
+            if (!str(s, "ignored").empty()) {
+                ASSERT_EQ(nk::setMgmt::setKey("/daemons/nkdevicediscovery/ignored_macs/user",
+                                              str(s, "ignored")),
+                          0);
+            }
+            if (!str(s, "connect_id").empty())
+                cloud_.set("connect_device", nk::test::id_answer(str(s, "connect_id")).c_str());
+            if (const json_t* on = json_object_get(s, "additional_info"))
+                g_feature_additional_info = json_is_true(on);
+            const json_t* message = json_object_get(s, "message");
+            const std::size_t before = sent();
+            if (message) {
+                process_subprocess_messages({json_is_string(message)
+                                                 ? json_string_value(message)
+                                                 : nk::json_dump_compact(message)});
+            }
+            if (!str(s, "reset").empty())
+                reset_service_info(str(s, "reset") == "upnp" ? ServiceInfoKind::Upnp
+                                                             : ServiceInfoKind::Netbios);
 
-    // Requests of one command sent since the start of the case.
-    std::vector<std::string> bodies(const std::string& command) {
-        std::vector<std::string> out;
-        for (const auto& [name, body] : cloud_.sent()) {
-            if (name == command)
-                out.push_back(body);
+            expect_member(s, "received", leases_received());
+            expect_member(s, "devices", static_cast<long long>(g_devices.size()));
+            expect_member(s, "sent", static_cast<long long>(sent()));
+            EXPECT_TRUE(!flag(s, "unchanged") || sent() == before);
+            for (const char* command : {"connect_device", "set_device_onbox"})
+                expect_member(s, command, static_cast<long long>(cloud_.bodies(command).size()));
+            const char* key = nullptr;
+            const json_t* v = nullptr;
+            json_object_foreach(json_object_get(s, "last"), key, v) {
+                ASSERT_FALSE(cloud_.bodies(key).empty()) << key;
+                EXPECT_NE(cloud_.bodies(key).back().find(json_string_value(v)), std::string::npos);
+            }
+            json_object_foreach(json_object_get(s, "names"), key, v) {
+                const auto it = g_hostnames.find(macaddr(key));
+                EXPECT_EQ(it == g_hostnames.end() ? "none" : it->second,
+                          json_is_string(v) ? json_string_value(v) : "none")
+                    << key;
+            }
+            for (const std::string& id : nk::test::strs(s, "stored"))
+                EXPECT_NE(nk::test::marker(id), "absent") << id;
+            std::size_t i = 0;
+            json_array_foreach(json_object_get(s, "device"), i, v) {
+                ASSERT_LT(i, g_devices.size());
+                const Device& device = g_devices[i];
+                if (json_object_get(v, "ips")) {
+                    const macaddr mac(str(v, "mac"));
+                    nk::ip_set expected;
+                    for (const std::string& ip : nk::test::strs(v, "ips"))
+                        expected.insert(address(ip));
+                    EXPECT_EQ(device.local.macips.get_ips(mac, true), expected);
+                    nk::devMgmt::Device record;
+                    record.device_id = device.cloud.device_id;
+                    ASSERT_TRUE(record.load_from_shmem(false, true));
+                    EXPECT_EQ(nk::ip_set(record.macips[mac].begin(), record.macips[mac].end()),
+                              expected)
+                        << "stored";
+                }
+                expect_member(v, "onguest", device.cloud.onguest);
+                expect_member(v, "onbox", device.local.onbox_info.onbox);
+                expect_member(v, "to_send", device.local.onbox_info.to_send);
+                expect_member(v, "avahi", device.local.avahi_info.current.size());
+                expect_member(v, "avahi_pending", device.local.avahi_info.pending);
+                expect_member(v, "upnp", device.local.upnp_info.current.size());
+                expect_member(v, "netbios", device.local.netbios_info.current.size());
+                expect_member(v, "netbios_kept", device.local.netbios_info.kept.size());
+                expect_member(v, "netbios_pending", device.local.netbios_info.pending);
+                if (json_object_get(v, "name")) {
+                    EXPECT_EQ(device.cloud.box_detected_name, str(v, "name"));
+                }
+            }
+            json_array_foreach(json_object_get(s, "real_macs"), i, v) {
+                EXPECT_EQ(get_real_mac(macaddr(str(v, "mac")), address(str(v, "ip"))),
+                          macaddr(str(v, "real")));
+            }
+            if (json_object_get(s, "user_agents")) {
+                std::vector<std::string> agents;
+                const std::lock_guard lock(g_user_agents_mutex);
+                for (const auto& agent : g_user_agents)
+                    agents.push_back(agent.mac.to_string() + " " + agent.user_agent);
+                EXPECT_EQ(agents, nk::test::strs(s, "user_agents"));
+            }
+            const std::lock_guard lock(g_mangled_macs_mutex);
+            expect_member(s, "mangled", static_cast<long long>(g_mangled_macs.size()));
         }
-        return out;
-    }
-
-    static std::set<std::string> stored_ips(const std::string& id, const macaddr& mac) {
-        nk::devMgmt::Device record;
-        record.device_id = id;
-        std::set<std::string> out;
-        if (!record.load_from_shmem(false, true))
-            return {"no record"};
-        for (const address& ip : record.macips[mac])
-            out.insert(ip.to_string());
-        return out;
-    }
-    static std::set<std::string> ips_of(const Device& device, const macaddr& mac) {
-        std::set<std::string> out;
-        for (const address& ip : device.local.macips.get_ips(mac, true))
-            out.insert(ip.to_string());
-        return out;
     }
 };
 
-TEST_F(LeaseProcessingTest, MalformedMessagesChangeNothing) {
-    for (const char* line : {
-             "not json",
-             "{}",
-             R"({"type": "leases"})",
-             R"({"type": "leases", "data": []})",
-             R"({"type": 1, "data": {"leases": []}})",
-             R"({"type": "leases", "data": {"leases": {}}})",  // an object, not an array
-             R"({"type": "unknown", "data": {"leases": []}})",
-         }) {
-        feed(line);
-        EXPECT_FALSE(leases_received()) << line;
-    }
-    EXPECT_TRUE(g_devices.empty());
-    EXPECT_EQ(sent(), 0u);
-    // An empty snapshot is a real one: the daemon may answer device-id requests from now on.
-    feed(leases_message("[]"));
-    EXPECT_TRUE(leases_received());
+TEST_F(CollectorMessagesTest, MalformedMessagesChangeNothing) {
+    play("malformed");
+}
+TEST_F(CollectorMessagesTest, ADeviceFromItsFirstLeaseUntilItGoesOffline) {
+    play("lifecycle");
+}
+TEST_F(CollectorMessagesTest, LeasesTheDaemonMustNotTakeAndMangledMacs) {
+    play("ignored");
 }
 
-TEST_F(LeaseProcessingTest, ADeviceFromItsFirstLeaseUntilItGoesOffline) {
-    // First seen: registered under its host name, stored, reported onbox.
-    feed(leases_message(
-        "[" +
-        lease(kLaptop, R"(["198.51.100.108", "fe80::200:5eff:fe00:5311", "2001:db8:1::1a6"])",
-              "laptop", "br-lan") +
-        "]"));
-    ASSERT_EQ(g_devices.size(), 1u);
-    const std::set<std::string> first = {"198.51.100.108", "2001:db8:1::1a6",
-                                         "fe80::200:5eff:fe00:5311"};
-    EXPECT_EQ(ips_of(g_devices[0], kLaptop), first);
-    EXPECT_EQ(stored_ips("d-1", kLaptop), first);
-    EXPECT_NE(nk::setMgmt::getKeyValue("/devices/d-1", ""), "");
-    EXPECT_EQ(g_hostnames[kLaptop], "laptop");
-    ASSERT_EQ(bodies("connect_device").size(), 1u);
-    EXPECT_NE(bodies("connect_device")[0].find(R"("box_detected_name": "laptop")"),
-              std::string::npos);
-    EXPECT_EQ(bodies("set_device_onbox").size(), 1u);
-
-    // New addresses, the link-local one kept; a guest without a host name joins.
-    g_now += 40;
-    cloud_.set("connect_device", nk::test::id_answer("d-2").c_str());
-    feed(leases_message(
-        "[" + lease(kLaptop, R"(["198.51.100.120", "2001:db8:1::1b0"])", "laptop", "br-lan") + "," +
-        lease(kVisitor, R"(["192.0.2.100"])", "*", "br-guest") + "]"));
-    ASSERT_EQ(g_devices.size(), 2u);
-    const std::set<std::string> second = {"198.51.100.120", "2001:db8:1::1b0",
-                                          "fe80::200:5eff:fe00:5311"};
-    EXPECT_EQ(ips_of(g_devices[0], kLaptop), second);
-    EXPECT_EQ(stored_ips("d-1", kLaptop), second);
-    EXPECT_EQ(g_devices[1].cloud.onguest, 1);
-    EXPECT_EQ(g_devices[0].cloud.onguest, 0);
-    EXPECT_EQ(g_hostnames.count(kVisitor), 0u);
-    EXPECT_EQ(g_devices[1].cloud.box_detected_name, "*");
-    EXPECT_EQ(bodies("connect_device").size(), 2u);
-    EXPECT_EQ(bodies("set_device_onbox").size(), 3u);  // the laptop's change, the new guest
-
-    // The same snapshot again changes nothing and sends nothing.
-    const std::size_t before = sent();
-    feed(leases_message(
-        "[" + lease(kLaptop, R"(["198.51.100.120", "2001:db8:1::1b0"])", "laptop", "br-lan") + "," +
-        lease(kVisitor, R"(["192.0.2.100"])", "*", "br-guest") + "]"));
-    EXPECT_EQ(sent(), before);
-
-    // Gone from the leases: offline, reported, stored without addresses.
-    g_now += 40;
-    feed(leases_message("[" + lease(kVisitor, R"(["192.0.2.100"])", "*", "br-guest") + "]"));
-    EXPECT_TRUE(ips_of(g_devices[0], kLaptop).empty());
-    EXPECT_TRUE(stored_ips("d-1", kLaptop).empty());
-    EXPECT_EQ(g_devices[0].local.onbox_info.onbox, 0);
-    EXPECT_FALSE(g_devices[0].local.onbox_info.to_send);
-    EXPECT_NE(bodies("set_device_onbox").back().find(R"("onbox": 0)"), std::string::npos);
-    EXPECT_EQ(g_devices[1].local.onbox_info.onbox, 1);
+// mDNS, UPnP and NetBIOS reports join the device holding the address, up to the caps.
+TEST_F(CollectorMessagesTest, ServiceReportsJoinTheDeviceHoldingTheAddress) {
+    play("services");
 }
 
-TEST_F(LeaseProcessingTest, LeasesTheDaemonMustNotTakeAndMangledMacs) {
-    ASSERT_EQ(nk::setMgmt::setKey("/daemons/nkdevicediscovery/ignored_macs/user",
-                                  "00-00-5E-00-53-99, 00:00:5e:00:53:98"),
-              0);
-    const macaddr fake("02:5e:10:77:42:9a");
-    feed(leases_message(
-        "[" + lease(macaddr("00:00:5e:00:53:99"), R"(["198.51.100.9"])", "ignored", "br-lan") +
-            "," + lease(macaddr("00:00:5e:00:53:98"), R"(["198.51.100.8"])", "*", "br-lan") + "," +
-            lease(macaddr("00:00:5e:00:53:97"), R"(["203.0.113.9"])", "modem", "wan0") + "," +
-            lease(macaddr("00:00:5e:00:53:96"), "[]", "empty", "br-lan") + "]",
-        R"([{"real_mac": "00:00:5e:00:53:11", "fake_mac": "02:5e:10:77:42:9a",
-             "ip": "198.51.100.120"},
-            {"real_mac": "00:00:5e:00:53:12", "ip": "198.51.100.121"}])"));
-    EXPECT_TRUE(g_devices.empty());
-    EXPECT_EQ(sent(), 0u);
-    EXPECT_TRUE(leases_received());
-    // Host names of leases taken are kept even off the LAN; an ignored MAC leaves none.
-    EXPECT_EQ(g_hostnames.count(macaddr("00:00:5e:00:53:99")), 0u);
-    EXPECT_EQ(g_hostnames[macaddr("00:00:5e:00:53:97")], "modem");
-    EXPECT_EQ(get_real_mac(fake, address("198.51.100.120")), kLaptop);
-    EXPECT_EQ(get_real_mac(fake, address("198.51.100.121")), fake);
-    {
-        const std::lock_guard lock(g_mangled_macs_mutex);
-        EXPECT_EQ(g_mangled_macs.size(), 1u);
-    }
-    // Each snapshot says which pairs hold now.
-    feed(leases_message("[]", "[]"));
-    EXPECT_EQ(get_real_mac(fake, address("198.51.100.120")), fake);
+TEST_F(CollectorMessagesTest, ServiceReportsFeatureOffIgnoredAndFlushSetsThemAside) {
+    play("services_off");
 }
 
 }  // namespace

@@ -41,14 +41,4 @@ inline std::vector<std::uint8_t> from_hex(const std::string& hex) {
     return out;
 }
 
-// A captured client message of that version and type that carries a fingerprint.
-inline nk::json_ptr capture(bool v6, const std::string& type) {
-    for (nk::json_ptr& row : rows("dhcp_captures")) {
-        if (flag(row.get(), "v6") == v6 && str(row.get(), "message_type") == type &&
-            !str(row.get(), "option_list").empty())
-            return std::move(row);
-    }
-    throw std::runtime_error("no captured " + type);
-}
-
 }  // namespace nk::test
