@@ -7,7 +7,7 @@
 
 namespace {
 
-class GlobalsTest : public nk::test::SettingsTest {
+class DaemonStateTest : public nk::test::SettingsTest {
 protected:
     void SetUp() override {
         SettingsTest::SetUp();
@@ -23,7 +23,7 @@ protected:
     }
 };
 
-TEST_F(GlobalsTest, StoreValuesOverrideDefaults) {
+TEST_F(DaemonStateTest, StoreValuesOverrideDefaults) {
     for (const nk::json_ptr& row : nk::test::rows("tunables"))
         set(nk::test::str(row.get(), "key"), nk::test::str(row.get(), "value"));
     ASSERT_TRUE(init_globals());
@@ -39,7 +39,7 @@ TEST_F(GlobalsTest, StoreValuesOverrideDefaults) {
     EXPECT_GE(g_device_info_sync_timer->fd(), 0);
 }
 
-TEST_F(GlobalsTest, AddDeviceToCloudIsTheLongerNeighbourExpiry) {
+TEST_F(DaemonStateTest, AddDeviceToCloudIsTheLongerNeighbourExpiry) {
     for (const nk::json_ptr& row : nk::test::rows("neighbour_expiry")) {
         const json_t* c = row.get();
         SCOPED_TRACE(nk::json_dump_compact(c));
@@ -53,7 +53,7 @@ TEST_F(GlobalsTest, AddDeviceToCloudIsTheLongerNeighbourExpiry) {
     }
 }
 
-TEST_F(GlobalsTest, FeatureChangeFlipsOnlyItsFlag) {
+TEST_F(DaemonStateTest, FeatureChangeFlipsOnlyItsFlag) {
     ASSERT_TRUE(init_globals());
     set("/features/ids/1", "1");
     handle_feature_change(1);
