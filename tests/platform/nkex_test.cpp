@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,7 +32,8 @@ class NkexTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(broker_.start()); }
 
-    nk::test::TestBroker broker_;
+    nk::test::TempDir dir_;
+    nk::test::TestBroker broker_{dir_.path()};
     ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
     ScopedEnv timeout_env_{"NKEX_TIMEOUT_MS", "3000"};
 };
@@ -40,22 +41,20 @@ protected:
 TEST(NkexConfig, BadAddressesNamesAndNoBrokerAreRefused) {
     const ScopedEnv timeout("NKEX_TIMEOUT_MS", std::nullopt);
     const nk::test::TempDir dir;
-    for (const std::string& address :
-         {"unix:" + (dir / "none.sock"), std::string("unix:"), std::string("tcp:localhost"),
-          std::string("tcp::1883"), std::string("tcp:h:0"), std::string("tcp:h:70000"),
-          std::string("tcp:h:12x"), std::string("udp:h:1"), std::string("/run/x.sock")}) {
-        const ScopedEnv env("NKEX_BROKER", address);
-        EXPECT_EQ(nkex_init("client", nullptr, nullptr, 1), nullptr) << address;
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/bus.json", "bad_addresses")) {
+        const ScopedEnv env("NKEX_BROKER", nk::test::expand(row.str(), {{"dir", dir.path()}}));
+        EXPECT_EQ(nkex_init("client", nullptr, nullptr, 1), nullptr) << row.text();
     }
-    const std::string too_long(NKEX_NAME_MAX, 'n');
-    for (const char* name :
-         {static_cast<const char*>(nullptr), "", "a/+", "#", too_long.c_str(), "bad\xff"})
-        EXPECT_EQ(nkex_init(name, nullptr, nullptr, 1), nullptr);
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/bus.json", "bad_names"))
+        EXPECT_EQ(nkex_init(row.str().c_str(), nullptr, nullptr, 1), nullptr) << row.text();
+    EXPECT_EQ(nkex_init(nullptr, nullptr, nullptr, 1), nullptr);
+    EXPECT_EQ(nkex_init(std::string(NKEX_NAME_MAX, 'n').c_str(), nullptr, nullptr, 1), nullptr);
 }
 
 TEST(NkexBroker, StartsAndStopsWithoutAWord) {
     nk::test::StderrCapture capture;
-    nk::test::TestBroker broker;
+    const nk::test::TempDir dir;
+    nk::test::TestBroker broker(dir.path());
     ASSERT_TRUE(broker.start());
     broker.stop();
     EXPECT_EQ(capture.text(), "");
@@ -104,17 +103,13 @@ TEST_F(NkexTest, ABurstWaitsWholeForAnAbsentSubscriber) {
     ASSERT_TRUE(watcher.got("end", 60s));
 
     const Peer back("sink");
-    // A dropped event never comes: once the count stands still for a while, it is final.
-    std::size_t last = 0;
-    while (!wait_until([&] { return back.count() == kBurst; }, 2s) && back.count() != last)
-        last = back.count();
-    std::vector<int> seen;
+    ASSERT_TRUE(wait_until([&] { return back.count() >= kBurst; }, 30s)) << back.count();
+    // Only 0..kBurst-1 were sent: as many distinct ones as received means each came once.
+    std::set<std::string> seen;
     for (const Received& r : back.received())
-        seen.push_back(std::stoi(r.data));
-    std::sort(seen.begin(), seen.end());
-    ASSERT_EQ(seen.size(), kBurst);
-    for (std::size_t i = 0; i < kBurst; ++i)
-        ASSERT_EQ(seen[i], static_cast<int>(i));
+        seen.insert(r.data);
+    EXPECT_EQ(seen.size(), kBurst);
+    EXPECT_EQ(back.count(), kBurst);
 }
 
 // Each answer carries the responder's status, even a negative one, and data with NULs in it.
@@ -261,7 +256,7 @@ TEST_F(NkexTest, CommandLineClientsTalkToTheBus) {
 // only what is its own to say.
 TEST(NkexAccounts, OnlyKnownAccountsGetInAndPublishTheirOwnTopics) {
     const nk::test::TempDir scratch;
-    nk::test::TestBroker broker;
+    nk::test::TestBroker broker(scratch.path());
     // Another daemon's account, kept by the run of bus-credentials that starting the broker makes.
     ASSERT_EQ(run_command(std::string(NK_BUS_CREDENTIALS) + " " + (scratch / "bus") +
                           " --asker parental"),

@@ -24,7 +24,6 @@ public:
     // Waits for a log line containing `text`; true when it appeared.
     bool wait_for_line(const std::string& text,
                        std::chrono::milliseconds timeout = std::chrono::seconds(5));
-    // How many lines seen so far contain `text`.
     int count_lines(const std::string& text);
     std::string log();
     // Sends a signal and waits for the exit; the exit status, or -1 on time-out.
