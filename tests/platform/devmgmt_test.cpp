@@ -31,8 +31,7 @@ Device sample(const std::string& id = "id1") {
     Device d;
     for (const auto& row : cases("device"))
         EXPECT_TRUE(d.from_json(row.get(nullptr)));
-    if (id != "id1")
-        d.device_id = id;
+    d.device_id = id;
     return d;
 }
 
@@ -108,11 +107,10 @@ TEST_F(DevmgmtTest, FullMapIsAnErrorAndTheTableSurvives) {
     Device big = sample("big");
     big.display_name.assign(16384, 'n');
     int written = 0;
-    while (written < 64) {
+    for (; written < 64; ++written) {
         big.device_id = "big" + std::to_string(written);
         if (!big.write_to_shmem())
             break;
-        ++written;
     }
     ASSERT_GT(written, 0);
     ASSERT_LT(written, 64);

@@ -23,10 +23,8 @@ using namespace std::chrono_literals;
 using nk::test::ask;
 using nk::test::Inbox;
 using nk::test::Peer;
-using nk::test::Received;
 using nk::test::run_command;
 using nk::test::ScopedEnv;
-using nk::test::wait_until;
 
 class NkexTest : public ::testing::Test {
 protected:
@@ -78,7 +76,7 @@ TEST_F(NkexTest, EventsReachEverySubscriberAndNoOther) {
         }
     }
     ASSERT_TRUE(a.got(data) && b.got("49") && c.got("49"));
-    const Received first = b.received().front();
+    const nk::test::Received first = b.received().front();
     EXPECT_EQ(first.name, "cloud::connect/box_mgmt/connect_device");
     EXPECT_EQ(first.data, data);
     EXPECT_EQ(first.id, 0u);
@@ -103,10 +101,10 @@ TEST_F(NkexTest, ABurstWaitsWholeForAnAbsentSubscriber) {
     ASSERT_TRUE(watcher.got("end", 60s));
 
     const Peer back("sink");
-    ASSERT_TRUE(wait_until([&] { return back.count() >= kBurst; }, 30s)) << back.count();
+    ASSERT_TRUE(nk::test::wait_until([&] { return back.count() >= kBurst; }, 30s)) << back.count();
     // Only 0..kBurst-1 were sent: as many distinct ones as received means each came once.
     std::set<std::string> seen;
-    for (const Received& r : back.received())
+    for (const nk::test::Received& r : back.received())
         seen.insert(r.data);
     EXPECT_EQ(seen.size(), kBurst);
     EXPECT_EQ(back.count(), kBurst);
@@ -204,7 +202,7 @@ TEST_F(NkexTest, SyncRequestFromTheBusThreadIsRefused) {
     const char* topics[] = {"poke"};
     ASSERT_EQ(nkex_subscribe(probe.handle, topics, 1), 0);
     ASSERT_EQ(nkex_send_message(probe.handle, "poke", nullptr, 0), 0);
-    EXPECT_TRUE(wait_until([&] { return probe.rc != 1; }, 1s));
+    EXPECT_TRUE(nk::test::wait_until([&] { return probe.rc != 1; }, 1s));
     EXPECT_EQ(probe.rc, -1);
     nkex_uninit(probe.handle);
 }
@@ -246,7 +244,7 @@ TEST_F(NkexTest, CommandLineClientsTalkToTheBus) {
               0);
     EXPECT_EQ(out, "status:5 re:ask\n");
     ASSERT_TRUE(peer.got("long"));
-    const std::vector<Received> got = peer.received();
+    const std::vector<nk::test::Received> got = peer.received();
     EXPECT_EQ(got[0].name, "ev");
     EXPECT_EQ(got[0].id, 0u);
     EXPECT_EQ(got[1].name, std::string(NKEX_NAME_MAX - 1, 'n'));

@@ -233,13 +233,11 @@ TEST_F(SetMgmtTest, ConcurrentWritersNeverTearAValue) {
 }
 
 TEST_F(SetMgmtTest, LocksAreCountedWithinTheProcess) {
-    ASSERT_EQ(sm::lockKey("/k"), 0);
-    ASSERT_EQ(sm::lockKey("/k"), 0);
-    EXPECT_EQ(sm::unlockKey("/k"), 0);
-    EXPECT_EQ(sm::unlockKey("/k"), 0);
-    EXPECT_LT(sm::unlockKey("/k"), 0);
-    EXPECT_EQ(nkerrno, EPERM);
-    EXPECT_LT(sm::unlockKey("/never"), 0);
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/setmgmt.json", "lock_counts")) {
+        const int rc =
+            row.flag("lock") ? sm::lockKey(row.str("key")) : sm::unlockKey(row.str("key"));
+        EXPECT_EQ(rc < 0 ? nkerrno : 0, row.num("error")) << row.text();
+    }
     EXPECT_EQ(sm::getKeyValue("/k", "none"), "none");  // locking does not create the key
 
     std::vector<std::thread> threads;
@@ -303,7 +301,7 @@ TEST_F(SetMgmtTest, MonitoredKeyCountsChildrenAndDeletion) {
 TEST_F(SetMgmtTest, FeatureChangeCallsThatFeaturesCallbackOnce) {
     namespace fu = nk::featureutl;
     ASSERT_EQ(sm::init(), 0);
-    std::vector<int> calls;
+    std::vector<long long> calls;
     const auto record = [&calls](int n) { calls.push_back(n); };
     EXPECT_EQ(fu::set_on_feature_change(3, record), -1);  // before init
     EXPECT_EQ(fu::read_fd(), -1);
@@ -311,14 +309,12 @@ TEST_F(SetMgmtTest, FeatureChangeCallsThatFeaturesCallbackOnce) {
     for (const int feature : {3, 5})
         ASSERT_EQ(fu::set_on_feature_change(feature, record), 0);
     // A feature nobody asked about wakes the descriptor but calls nothing.
-    const std::pair<const char*, std::vector<int>> steps[] = {
-        {"3 1", {3}}, {"7 1", {3}}, {"5 2", {3, 5}}};
-    for (const auto& [args, expected] : steps) {
-        SCOPED_TRACE(args);
-        ASSERT_EQ(nkset(std::string("set /features/ids/") + args), 0);
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/setmgmt.json", "feature_steps")) {
+        SCOPED_TRACE(row.text());
+        ASSERT_EQ(nkset("set /features/ids/" + row.str("args")), 0);
         ASSERT_TRUE(nk::test::wait_readable(fu::get_fd()));
-        EXPECT_EQ(fu::read_fd(), static_cast<int>(expected.size() - calls.size()));
-        EXPECT_EQ(calls, expected);
+        EXPECT_EQ(fu::read_fd(), static_cast<int>(row.nums("calls").size() - calls.size()));
+        EXPECT_EQ(calls, row.nums("calls"));
     }
     EXPECT_EQ(fu::get_feature(5), 2);
     EXPECT_EQ(fu::get_feature(4), 0);  // unset means on

@@ -154,10 +154,6 @@ std::string read_all(int fd) {
     return nk::test::read_data("/proc/self/fd/" + std::to_string(fd));
 }
 
-void put(int fd, const std::string& text) {
-    (void)!::write(fd, text.data(), text.size());
-}
-
 // In the foreground the run function sees the options in the environment and runs until a
 // stop signal, then its status is the program's.
 TEST(DaemonFrame, RunsUntilAStopSignal) {
@@ -165,7 +161,7 @@ TEST(DaemonFrame, RunsUntilAStopSignal) {
         std::string env;
         for (const char* var : {"NK_SETTINGS_DIR", "NK_DEVMGMT_DIR", "NKEX_BROKER", "NK_LOG_LEVEL"})
             env += std::string(std::getenv(var) ? std::getenv(var) : "-") + " ";
-        put(report, env);
+        ::dprintf(report, "%s", env.c_str());
         pollfd p{nk::daemon::instance(0, nullptr, "").on_stop_pipe(), POLLIN, 0};
         while (::poll(&p, 1, -1) < 0 && errno == EINTR) {
         }
@@ -178,11 +174,9 @@ TEST(DaemonFrame, RunsUntilAStopSignal) {
                                 run, false);
         ASSERT_GT(child.pid, 0);
         ASSERT_TRUE(nk::test::wait_readable(child.report.get()));
-        char buf[256] = {};
-        EXPECT_GT(::read(child.report.get(), buf, sizeof buf - 1), 0);
-        EXPECT_STREQ(buf, "/tmp/s /tmp/d tcp:localhost:1883 3 ");
         ASSERT_EQ(::kill(child.pid, sig), 0);
         EXPECT_EQ(nk::test::reap(child.pid), 0);
+        EXPECT_EQ(read_all(child.report.get()), "/tmp/s /tmp/d tcp:localhost:1883 3 ");
     }
 }
 
@@ -210,9 +204,9 @@ TEST(DaemonFrame, DetachesIntoANewSession) {
         char out[PATH_MAX] = {};
         const bool ok = ::getcwd(cwd, sizeof cwd) != nullptr &&
                         ::readlink("/proc/self/fd/1", out, sizeof out - 1) > 0;
-        put(report, std::string(ok ? "" : "error ") + cwd + " " + out +
-                        (::getsid(0) == ::getpid() ? " leader" : " member") +
-                        (::getsid(0) == ::getsid(test_pid) ? " old-session" : " new-session"));
+        ::dprintf(report, "%s%s %s %s %s", ok ? "" : "error ", cwd, out,
+                  ::getsid(0) == ::getpid() ? "leader" : "member",
+                  ::getsid(0) == ::getsid(test_pid) ? "old-session" : "new-session");
         return 0;
     };
     Child child = run_frame({}, report_detached, false);

@@ -80,8 +80,6 @@ public:
         }
     }
     ~Peer() { nkex_uninit(handle_.load()); }
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
     nkex_handle* handle() const { return handle_; }
     void answer_with(int status) { answer_status_ = status; }
 

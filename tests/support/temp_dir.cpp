@@ -13,11 +13,9 @@
 namespace nk::test {
 
 TempDir::TempDir() {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/nktest.XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr)
+    path_ = std::filesystem::temp_directory_path() / "nktest.XXXXXX";
+    if (::mkdtemp(path_.data()) == nullptr)
         throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
 }
 
 TempDir::~TempDir() {

@@ -14,8 +14,6 @@ public:
     // Config and socket live in `dir`.
     explicit TestBroker(std::string dir) : dir_(std::move(dir)), socket_(dir_ + "/nkex.sock") {}
     ~TestBroker() { stop(); }
-    TestBroker(const TestBroker&) = delete;
-    TestBroker& operator=(const TestBroker&) = delete;
 
     // Makes the bus's accounts in `dir` (scripts/bus-credentials) at start: every client must
     // then log in, and may use only its own topics.
