@@ -40,11 +40,8 @@ TEST(MacIps, AddClearAndRefuse) {
     EXPECT_FALSE(map.clear_mac(kMac3));
 
     macips_t empty;
-    for (const auto& [mac, ip] :
-         {std::pair{macaddr("00:00:00:00:00:00"), kV4},
-          std::pair{macaddr("ff:ff:ff:ff:ff:ff"), kV4}, std::pair{kMac1, address()},
-          std::pair{kMac1, address("300.1.1.1")}})
-        EXPECT_FALSE(empty.add_ip(mac, ip)) << mac.to_string() << " " << ip.to_string();
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/leases.json", "refused"))
+        EXPECT_FALSE(empty.add_ip(macaddr(row.str("mac")), address(row.str("ip")))) << row.text();
     EXPECT_FALSE(empty.add_mac(macaddr("ff:ff:ff:ff:ff:ff")));
     EXPECT_TRUE(empty.macs.empty() && empty.ips.empty());
 }
@@ -60,13 +57,10 @@ TEST(MacIps, LinkLocalFilteringAndEquality) {
     EXPECT_EQ(map.ipll(kMac1), ip_set{kLinkLocal6});
     EXPECT_TRUE(map.ipll(kMac2).empty());
 
-    macips_t reversed;
-    reversed.add_ip(kMac2, kV4);
-    for (const address& ip : {kLinkLocal6, kGlobal6, kV4LinkLocal, kV4})
-        reversed.add_ip(kMac1, ip);
-    EXPECT_EQ(map, reversed);
-    reversed.clear_mac(kMac2);
-    EXPECT_NE(map, reversed);
+    macips_t copy = map;
+    EXPECT_EQ(map, copy);
+    copy.clear_mac(kMac2);
+    EXPECT_NE(map, copy);
 }
 
 TEST(Leases, FromJsonSkipsBadElementsAndAccumulatesRepeatedMacs) {
@@ -155,6 +149,14 @@ struct TestClock {
 template <typename V>
 using TestCache = nk::Cache<macaddr, V, TestClock>;
 
+std::int32_t state(const nk::test::Row& row, const char* key) {
+    const std::map<std::string, std::int32_t> states{{"failed", nk::kSubmissionFailed},
+                                                     {"deferred", nk::kSubmissionDeferred},
+                                                     {"sent", nk::kSubmissionSent},
+                                                     {"ok", nk::kSubmissionOk}};
+    return states.at(row.str(key));
+}
+
 macaddr nth_mac(int n) {
     return macaddr(std::array<std::uint8_t, 6>{2, 0, 0, 0, static_cast<std::uint8_t>(n >> 8),
                                                static_cast<std::uint8_t>(n)});
@@ -212,11 +214,10 @@ TEST(Cache, UpdateChangesEveryMatchOfAKnownKeyOnly) {
 
 TEST(Cache, RetryPicksFailedAndDeferredRecordsWhoseWaitIsOver) {
     TestCache<Record> cache(8, 120);
-    cache.add(kMac1, {"due", nk::kSubmissionFailed, 100, 10});
-    cache.add(kMac1, {"exactly-now", nk::kSubmissionFailed, 100, 20});
-    cache.add(kMac2, {"deferred", nk::kSubmissionDeferred, 100, 5});
-    cache.add(kMac2, {"sent", nk::kSubmissionSent, 0, 5});
-    cache.add(kMac2, {"ok", nk::kSubmissionOk, 0, 5});
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/leases.json", "retry_records"))
+        cache.add(macaddr(row.str("mac")),
+                  nk::new_submission<std::string>(row.str("info"), state(row, "state"),
+                                                  row.num("last_attempt"), row.num("interval")));
     const auto due = cache.get(nk::due_for_retry{120});
     ASSERT_EQ(due.size(), 2u);
     ASSERT_EQ(due.at(kMac1).size(), 1u);
@@ -231,25 +232,14 @@ TEST(Cache, RetryPicksFailedAndDeferredRecordsWhoseWaitIsOver) {
 }
 
 TEST(Cache, ResendDoublesTheIntervalUnderTheCapOfTheOldState) {
-    const struct {
-        std::int32_t old_state;
-        std::int32_t new_state;
-        std::int32_t interval;
-        std::int32_t expected;
-    } cases[] = {
-        {nk::kSubmissionFailed, nk::kSubmissionSent, 2000, 3600},
-        {nk::kSubmissionDeferred, nk::kSubmissionSent, 400, 600},
-        {nk::kSubmissionFailed, nk::kSubmissionDeferred, 400, 800},
-        {nk::kSubmissionFailed, nk::kSubmissionFailed, 5, 10},
-        {nk::kSubmissionFailed, nk::kSubmissionFailed, 2'000'000'000, 3600},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.interval);
-        Record record = nk::new_submission<std::string>("ua", c.old_state, 1, c.interval);
-        nk::resubmitted{c.new_state, 500}(record);
-        EXPECT_EQ(record.state, c.new_state);
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/leases.json", "resend")) {
+        SCOPED_TRACE(row.text());
+        const auto [old_state, new_state] = std::pair(state(row, "old"), state(row, "new"));
+        Record record = nk::new_submission<std::string>("ua", old_state, 1, row.num("interval"));
+        nk::resubmitted{new_state, 500}(record);
+        EXPECT_EQ(record.state, new_state);
         EXPECT_EQ(record.last_attempt, 500);
-        EXPECT_EQ(record.retry_interval, c.expected);
+        EXPECT_EQ(record.retry_interval, row.num("expected"));
     }
 }
 

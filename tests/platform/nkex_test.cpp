@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,16 +23,15 @@ using namespace std::chrono_literals;
 using nk::test::ask;
 using nk::test::Inbox;
 using nk::test::Peer;
-using nk::test::Received;
 using nk::test::run_command;
 using nk::test::ScopedEnv;
-using nk::test::wait_until;
 
 class NkexTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(broker_.start()); }
 
-    nk::test::TestBroker broker_;
+    nk::test::TempDir dir_;
+    nk::test::TestBroker broker_{dir_.path()};
     ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
     ScopedEnv timeout_env_{"NKEX_TIMEOUT_MS", "3000"};
 };
@@ -40,22 +39,20 @@ protected:
 TEST(NkexConfig, BadAddressesNamesAndNoBrokerAreRefused) {
     const ScopedEnv timeout("NKEX_TIMEOUT_MS", std::nullopt);
     const nk::test::TempDir dir;
-    for (const std::string& address :
-         {"unix:" + (dir / "none.sock"), std::string("unix:"), std::string("tcp:localhost"),
-          std::string("tcp::1883"), std::string("tcp:h:0"), std::string("tcp:h:70000"),
-          std::string("tcp:h:12x"), std::string("udp:h:1"), std::string("/run/x.sock")}) {
-        const ScopedEnv env("NKEX_BROKER", address);
-        EXPECT_EQ(nkex_init("client", nullptr, nullptr, 1), nullptr) << address;
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/bus.json", "bad_addresses")) {
+        const ScopedEnv env("NKEX_BROKER", nk::test::expand(row.str(), {{"dir", dir.path()}}));
+        EXPECT_EQ(nkex_init("client", nullptr, nullptr, 1), nullptr) << row.text();
     }
-    const std::string too_long(NKEX_NAME_MAX, 'n');
-    for (const char* name :
-         {static_cast<const char*>(nullptr), "", "a/+", "#", too_long.c_str(), "bad\xff"})
-        EXPECT_EQ(nkex_init(name, nullptr, nullptr, 1), nullptr);
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/bus.json", "bad_names"))
+        EXPECT_EQ(nkex_init(row.str().c_str(), nullptr, nullptr, 1), nullptr) << row.text();
+    EXPECT_EQ(nkex_init(nullptr, nullptr, nullptr, 1), nullptr);
+    EXPECT_EQ(nkex_init(std::string(NKEX_NAME_MAX, 'n').c_str(), nullptr, nullptr, 1), nullptr);
 }
 
 TEST(NkexBroker, StartsAndStopsWithoutAWord) {
     nk::test::StderrCapture capture;
-    nk::test::TestBroker broker;
+    const nk::test::TempDir dir;
+    nk::test::TestBroker broker(dir.path());
     ASSERT_TRUE(broker.start());
     broker.stop();
     EXPECT_EQ(capture.text(), "");
@@ -79,7 +76,7 @@ TEST_F(NkexTest, EventsReachEverySubscriberAndNoOther) {
         }
     }
     ASSERT_TRUE(a.got(data) && b.got("49") && c.got("49"));
-    const Received first = b.received().front();
+    const nk::test::Received first = b.received().front();
     EXPECT_EQ(first.name, "cloud::connect/box_mgmt/connect_device");
     EXPECT_EQ(first.data, data);
     EXPECT_EQ(first.id, 0u);
@@ -104,17 +101,13 @@ TEST_F(NkexTest, ABurstWaitsWholeForAnAbsentSubscriber) {
     ASSERT_TRUE(watcher.got("end", 60s));
 
     const Peer back("sink");
-    // A dropped event never comes: once the count stands still for a while, it is final.
-    std::size_t last = 0;
-    while (!wait_until([&] { return back.count() == kBurst; }, 2s) && back.count() != last)
-        last = back.count();
-    std::vector<int> seen;
-    for (const Received& r : back.received())
-        seen.push_back(std::stoi(r.data));
-    std::sort(seen.begin(), seen.end());
-    ASSERT_EQ(seen.size(), kBurst);
-    for (std::size_t i = 0; i < kBurst; ++i)
-        ASSERT_EQ(seen[i], static_cast<int>(i));
+    ASSERT_TRUE(nk::test::wait_until([&] { return back.count() >= kBurst; }, 30s)) << back.count();
+    // Only 0..kBurst-1 were sent: as many distinct ones as received means each came once.
+    std::set<std::string> seen;
+    for (const nk::test::Received& r : back.received())
+        seen.insert(r.data);
+    EXPECT_EQ(seen.size(), kBurst);
+    EXPECT_EQ(back.count(), kBurst);
 }
 
 // Each answer carries the responder's status, even a negative one, and data with NULs in it.
@@ -209,7 +202,7 @@ TEST_F(NkexTest, SyncRequestFromTheBusThreadIsRefused) {
     const char* topics[] = {"poke"};
     ASSERT_EQ(nkex_subscribe(probe.handle, topics, 1), 0);
     ASSERT_EQ(nkex_send_message(probe.handle, "poke", nullptr, 0), 0);
-    EXPECT_TRUE(wait_until([&] { return probe.rc != 1; }, 1s));
+    EXPECT_TRUE(nk::test::wait_until([&] { return probe.rc != 1; }, 1s));
     EXPECT_EQ(probe.rc, -1);
     nkex_uninit(probe.handle);
 }
@@ -251,7 +244,7 @@ TEST_F(NkexTest, CommandLineClientsTalkToTheBus) {
               0);
     EXPECT_EQ(out, "status:5 re:ask\n");
     ASSERT_TRUE(peer.got("long"));
-    const std::vector<Received> got = peer.received();
+    const std::vector<nk::test::Received> got = peer.received();
     EXPECT_EQ(got[0].name, "ev");
     EXPECT_EQ(got[0].id, 0u);
     EXPECT_EQ(got[1].name, std::string(NKEX_NAME_MAX - 1, 'n'));
@@ -261,7 +254,7 @@ TEST_F(NkexTest, CommandLineClientsTalkToTheBus) {
 // only what is its own to say.
 TEST(NkexAccounts, OnlyKnownAccountsGetInAndPublishTheirOwnTopics) {
     const nk::test::TempDir scratch;
-    nk::test::TestBroker broker;
+    nk::test::TestBroker broker(scratch.path());
     // Another daemon's account, kept by the run of bus-credentials that starting the broker makes.
     ASSERT_EQ(run_command(std::string(NK_BUS_CREDENTIALS) + " " + (scratch / "bus") +
                           " --asker parental"),

@@ -33,19 +33,15 @@ TEST(MacAddr, TextForms) {
         EXPECT_FALSE(macaddr::parse(row.str()));
         EXPECT_EQ(macaddr(row.str()), macaddr());
     }
-    EXPECT_FALSE(macaddr("00:00:00:00:00:00").is_valid());
-    EXPECT_FALSE(macaddr("ff:ff:ff:ff:ff:ff").is_valid());
-    EXPECT_TRUE(macaddr("ff:ff:ff:ff:ff:fe").is_valid());
-    EXPECT_TRUE(macaddr("00:00:00:00:00:01").is_valid());
+    for (const auto& row : cases("mac_valid"))
+        EXPECT_EQ(macaddr(row.str("mac")).is_valid(), row.flag("valid")) << row.text();
 
     const macaddr mac("0A-1b-2C-3d-4E-5f");
-    EXPECT_EQ(mac.to_string(), "0a:1b:2c:3d:4e:5f");
+    EXPECT_EQ(fmt::format("{}", mac), "0a:1b:2c:3d:4e:5f");
     EXPECT_EQ(mac.to_cloud_string(true), "0A:1B:2C:3D:4E:5F");
     EXPECT_EQ(mac.get_hash(), "0a1b2c3d4e5f");
-    EXPECT_EQ(mac.get_hash(24), "0a1b2c");
-    EXPECT_EQ(mac.get_hash(64), "0a1b2c3d4e5f");
-    EXPECT_EQ(mac.get_hash(0), "");
-    EXPECT_EQ(fmt::format("{}", mac), "0a:1b:2c:3d:4e:5f");
+    for (const auto& row : cases("mac_hash"))
+        EXPECT_EQ(mac.get_hash(row.num("bits")), row.str("hash")) << row.text();
 }
 
 TEST(MacAddr, SixBytesFromABufferOrALinkAddress) {
@@ -160,25 +156,6 @@ TEST(BufferView, ReadsStopExactlyAtTheEnd) {
     EXPECT_EQ((*text.readn<unsigned char>(2))[1], 'f');
     // At the end even an empty read fails, so a zero-length field cannot loop forever.
     EXPECT_FALSE(text.readn<char>(0));
-}
-
-// Every truncation of a valid record is refused; a heap copy of exactly that length makes any
-// read past the end an ASan error.
-TEST(BufferView, TruncationSweep) {
-    const auto parse = [](buffer_view view) -> std::optional<std::string> {
-        const auto type = view.read<std::uint8_t>();
-        const auto len = view.read<std::uint8_t>();
-        const auto body = type && len ? view.readn<char>(*len) : std::nullopt;
-        if (!body || !view.read<std::uint32_t>())
-            return std::nullopt;
-        return std::string(*body, *len);
-    };
-    const std::vector<std::uint8_t> message = {7, 5, 'h', 'e', 'l', 'l', 'o', 1, 2, 3, 4};
-    ASSERT_EQ(parse(buffer_view(message.data(), message.size())), "hello");
-    for (std::uint32_t len = 0; len < message.size(); ++len) {
-        const std::vector<std::uint8_t> cut(message.begin(), message.begin() + len);
-        EXPECT_FALSE(parse(buffer_view(cut.data(), len))) << len;
-    }
 }
 
 }  // namespace

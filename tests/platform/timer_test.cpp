@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "nk/io.h"
+#include "tables.h"
 #include "wait.h"
 
 namespace {
@@ -37,30 +38,27 @@ TEST(Timer, DescriptorFlagsAndOwnership) {
 // The loop re-arms its timers at every turn and relies on a running timer with the same
 // interval being kept, to keep its cadence.
 TEST(Timer, ZeroFirstValueFiresAtOnceUnlessRunningWithTheSameInterval) {
-    const struct {
-        bool stop_first;
-        long interval;
-        bool fires_at_once;
-    } cases[] = {{false, 60, false}, {false, 30, true}, {true, 60, true}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.interval + c.stop_first);
+    for (const auto& row : nk::test::Table(NK_TEST_DATA "/timer.json", "restart_at_zero")) {
+        SCOPED_TRACE(row.text());
+        const long interval = row.num("interval");
+        const bool fires_at_once = row.flag("fires_at_once");
         std::optional<Timer> timer = Timer::make(TIMER_LOOP);
         ASSERT_TRUE(timer && timer->start(60, 60));
         EXPECT_EQ(timer->tick(), 0u);  // unexpired
-        if (c.stop_first) {
+        if (row.flag("stop_first")) {
             ASSERT_TRUE(timer->stop());
             EXPECT_FALSE(timer->is_running());
             EXPECT_EQ(setting(*timer).it_interval.tv_sec, 0);
         }
-        ASSERT_TRUE(timer->start(0, c.interval));
-        if (c.fires_at_once) {
+        ASSERT_TRUE(timer->start(0, interval));
+        if (fires_at_once) {
             EXPECT_TRUE(wait_readable(timer->fd()));
         } else {
             EXPECT_GE(setting(*timer).it_value.tv_sec, 59);
         }
-        EXPECT_EQ(timer->tick(), c.fires_at_once ? 1u : 0u);
+        EXPECT_EQ(timer->tick(), fires_at_once ? 1u : 0u);
         EXPECT_TRUE(timer->is_running());
-        EXPECT_EQ(setting(*timer).it_interval.tv_sec, c.interval);
+        EXPECT_EQ(setting(*timer).it_interval.tv_sec, interval);
         EXPECT_EQ(setting(*timer).it_interval.tv_nsec, 0);
     }
     // A one-shot timer that has fired is stopped, so it can be started again.

@@ -5,10 +5,9 @@
 
 #include <ctime>
 #include <filesystem>
-#include <iomanip>
 #include <regex>
-#include <sstream>
 
+#include <fmt/chrono.h>
 #include <gtest/gtest.h>
 
 #include "nk/constants.h"
@@ -42,9 +41,8 @@ TEST(Util, ExtractHostnameKeepsAtMost63BytesOfPrintableUtf8) {
 
 TEST(Util, InterfaceUp) {
     EXPECT_TRUE(nk::is_interface_up("lo"));
-    for (const std::string& name :
-         {std::string("nk-no-such0"), std::string(), std::string(40, 'x'), std::string("lo\0x", 4)})
-        EXPECT_FALSE(nk::is_interface_up(name)) << name;
+    for (const auto& row : cases("interfaces_down"))
+        EXPECT_FALSE(nk::is_interface_up(row.str())) << row.text();
 }
 
 TEST(Util, LeasesModeFromSettings) {
@@ -125,11 +123,8 @@ TEST_F(Log, LineFormAndLazyArguments) {
     ASSERT_TRUE(std::regex_match(out, m, form)) << out;
     EXPECT_EQ(std::stoi(m[2]), ::getpid());
     EXPECT_EQ(std::stoi(m[3]), line);
-    std::tm tm{};
-    std::istringstream(m[1].str()) >> std::get_time(&tm, "%Y-%m-%d %H:%M:%S");
-    tm.tm_isdst = -1;
-    EXPECT_GE(std::mktime(&tm), before);
-    EXPECT_LE(std::mktime(&tm), after);
+    const auto stamp = [](std::time_t t) { return fmt::format("{:%F %T}", fmt::localtime(t)); };
+    EXPECT_TRUE(stamp(before) <= m[1].str() && m[1].str() <= stamp(after)) << m[1];
 }
 
 TEST_F(Log, LevelFromEnvironment) {
@@ -175,11 +170,9 @@ TEST_F(Log, JsonIsCompact) {
     lg::log_json(lg::INFO, "answer:", json.get());
     lg::log_json(lg::DEBUG, "hidden:", json.get());
     const std::string out = capture.text();
-    const std::string tail = R"( INFO answer: {"a":1,"b":[2,3],"c":{"d":"e f"}})"
-                             "\n";
-    ASSERT_GE(out.size(), tail.size());
-    EXPECT_EQ(out.substr(out.size() - tail.size()), tail) << out;
-    EXPECT_EQ(out.find("hidden"), std::string::npos) << out;
+    EXPECT_TRUE(std::regex_search(out, std::regex(R"( INFO answer: \{"a":1,"b":\[2,3\],)"
+                                                  R"("c":\{"d":"e f"\}\}\n$)")))
+        << out;
 }
 
 }  // namespace

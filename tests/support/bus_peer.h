@@ -40,12 +40,11 @@ public:
     std::size_t count() const { return received().size(); }
     bool got(const std::string& data, std::chrono::milliseconds timeout = 5s) const {
         const auto has = [&](const Received& r) { return r.data == data; };
-        return wait_until(
-            [&] {
-                const std::vector<Received> all = received();
-                return std::any_of(all.begin(), all.end(), has);
-            },
-            timeout);
+        const auto any = [&] {
+            const std::vector<Received> all = received();
+            return std::any_of(all.begin(), all.end(), has);
+        };
+        return wait_until(any, timeout);
     }
     // The JSON payloads of the messages of this name whose text holds `part`.
     std::vector<nk::json_ptr> json(const std::string& name, const std::string& part) const {
@@ -81,8 +80,6 @@ public:
         }
     }
     ~Peer() { nkex_uninit(handle_.load()); }
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
     nkex_handle* handle() const { return handle_; }
     void answer_with(int status) { answer_status_ = status; }
 

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 
@@ -15,19 +16,12 @@ namespace nk::test {
 DaemonProcess::~DaemonProcess() {
     if (pid_ > 0)
         stop(SIGKILL);
-    if (reader_.joinable())
-        reader_.join();
 }
 
 bool DaemonProcess::start(const std::vector<std::string>& argv) {
     // A second run of the same object starts with the log of its own.
-    if (reader_.joinable())
-        reader_.join();
-    {
-        const std::lock_guard lock(mutex_);
-        lines_.clear();
-        eof_ = false;
-    }
+    lines_.clear();
+    eof_ = false;
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) != 0)
         return false;
@@ -55,17 +49,12 @@ bool DaemonProcess::start(const std::vector<std::string>& argv) {
 void DaemonProcess::read_loop(int fd) {
     std::string partial;
     char buf[4096];
-    for (;;) {
-        const ssize_t n = ::read(fd, buf, sizeof(buf));
-        if (n <= 0)
-            break;
+    for (ssize_t n; (n = ::read(fd, buf, sizeof(buf))) > 0;) {
         partial.append(buf, static_cast<size_t>(n));
-        size_t nl = 0;
-        std::lock_guard lock(mutex_);
-        while ((nl = partial.find('\n')) != std::string::npos) {
+        const std::lock_guard lock(mutex_);
+        for (size_t nl; (nl = partial.find('\n')) != std::string::npos; partial.erase(0, nl + 1)) {
             lines_.push_back(partial.substr(0, nl));
-            std::fputs((partial.substr(0, nl + 1)).c_str(), stderr);  // keep it in the test log
-            partial.erase(0, nl + 1);
+            std::fputs((lines_.back() + "\n").c_str(), stderr);  // keep it in the test log
         }
         changed_.notify_all();
     }
@@ -90,11 +79,10 @@ bool DaemonProcess::wait_for_line(const std::string& text, std::chrono::millisec
 }
 
 int DaemonProcess::count_lines(const std::string& text) {
-    std::lock_guard lock(mutex_);
-    int n = 0;
-    for (const std::string& line : lines_)
-        n += line.find(text) != std::string::npos ? 1 : 0;
-    return n;
+    const std::lock_guard lock(mutex_);
+    return static_cast<int>(std::count_if(lines_.begin(), lines_.end(), [&](const std::string& l) {
+        return l.find(text) != std::string::npos;
+    }));
 }
 
 std::string DaemonProcess::log() {

@@ -16,20 +16,16 @@ class DaemonProcess {
 public:
     DaemonProcess() = default;
     ~DaemonProcess();
-    DaemonProcess(const DaemonProcess&) = delete;
-    DaemonProcess& operator=(const DaemonProcess&) = delete;
 
     // argv[0] is the program path. The child's stderr is collected line by line.
     bool start(const std::vector<std::string>& argv);
     // Waits for a log line containing `text`; true when it appeared.
     bool wait_for_line(const std::string& text,
                        std::chrono::milliseconds timeout = std::chrono::seconds(5));
-    // How many lines seen so far contain `text`.
     int count_lines(const std::string& text);
     std::string log();
     // Sends a signal and waits for the exit; the exit status, or -1 on time-out.
     int stop(int signal, std::chrono::milliseconds timeout = std::chrono::seconds(5));
-    // Waits for the child to exit by itself.
     int wait_exit(std::chrono::milliseconds timeout = std::chrono::seconds(5));
     pid_t pid() const { return pid_; }
     // True once the child closed its stderr, as it does when it exits.

@@ -20,11 +20,9 @@ public:
     bool up(const std::string& args = "");
     // Takes it down and checks that no namespace is left behind; once only.
     void down();
-    // The shell command line of `scripts/lan ARGS`.
     std::string command(const std::string& args) const;
     // Its exit status; stdout to `out` when given, else dropped.
     int run(const std::string& args, std::string* out = nullptr) const;
-    // The first line it writes.
     std::string first_line(const std::string& args) const;
     // A client's IPv4 address, once it has one ("" when none came in time).
     std::string ipv4_of(const std::string& client) const;

@@ -23,8 +23,7 @@ std::string StderrCapture::text() {
     restore();
     std::string out;
     char buf[4096];
-    ssize_t n = 0;
-    while ((n = ::read(read_.get(), buf, sizeof(buf))) > 0)
+    for (ssize_t n; (n = ::read(read_.get(), buf, sizeof(buf))) > 0;)
         out.append(buf, static_cast<size_t>(n));
     return out;
 }

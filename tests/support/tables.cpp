@@ -11,10 +11,7 @@
 
 namespace nk::test {
 
-Table::Table(const std::string& path, const char* name) {
-    json_error_t error{};
-    file_.reset(json_load_file(path.c_str(), JSON_ALLOW_NUL, &error));
-    EXPECT_TRUE(file_) << path << ":" << error.line << ": " << error.text;
+Table::Table(const std::string& path, const char* name) : file_(load_json(path)) {
     const json_t* rows = json_object_get(file_.get(), name);
     EXPECT_TRUE(json_array_size(rows) > 0) << path << " has no rows '" << name << "'";
     std::size_t i = 0;
@@ -30,12 +27,13 @@ std::string read_data(const std::string& path) {
 
 nk::json_ptr load_json(const std::string& path) {
     json_error_t error;
-    nk::json_ptr json(json_load_file(path.c_str(), JSON_REJECT_DUPLICATES, &error));
+    nk::json_ptr json(
+        json_load_file(path.c_str(), JSON_REJECT_DUPLICATES | JSON_ALLOW_NUL, &error));
     EXPECT_TRUE(json) << path << ":" << error.line << ": " << error.text;
     return json;
 }
 
-std::string unescape(const std::string& text) {
+static std::string unescape(const std::string& text) {
     std::string out;
     for (std::size_t i = 0; i < text.size(); ++i) {
         if (text[i] != '\\' || i + 1 == text.size()) {

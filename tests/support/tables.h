@@ -92,7 +92,6 @@ nk::json_ptr load_json(const std::string& path);
 // The rows of a tab-separated file, blank and '#' lines left out, each field with C escapes
 // (\t \n \r \\ \xNN) undone.
 std::vector<std::vector<std::string>> read_table(const std::string& path);
-std::string unescape(const std::string& text);
 
 // Every "{name}" in text replaced by its value.
 std::string expand(std::string text, const std::map<std::string, std::string>& values);

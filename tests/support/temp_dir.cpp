@@ -13,11 +13,9 @@
 namespace nk::test {
 
 TempDir::TempDir() {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/nktest.XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr)
+    path_ = std::filesystem::temp_directory_path() / "nktest.XXXXXX";
+    if (::mkdtemp(path_.data()) == nullptr)
         throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
 }
 
 TempDir::~TempDir() {
@@ -25,23 +23,19 @@ TempDir::~TempDir() {
     std::filesystem::remove_all(path_, ec);
 }
 
+static void set_env(const std::string& name, const std::optional<std::string>& value) {
+    (void)(value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str()));
+}
+
 ScopedEnv::ScopedEnv(std::string name, const std::optional<std::string>& value)
     : name_(std::move(name)) {
     if (const char* old = std::getenv(name_.c_str()))
         old_ = old;
-    if (value) {
-        ::setenv(name_.c_str(), value->c_str(), 1);
-    } else {
-        ::unsetenv(name_.c_str());
-    }
+    set_env(name_, value);
 }
 
 ScopedEnv::~ScopedEnv() {
-    if (old_) {
-        ::setenv(name_.c_str(), old_->c_str(), 1);
-    } else {
-        ::unsetenv(name_.c_str());
-    }
+    set_env(name_, old_);
 }
 
 int run_command(const std::string& command, std::string* out) {
@@ -49,15 +43,11 @@ int run_command(const std::string& command, std::string* out) {
     if (pipe == nullptr)
         return -1;
     std::array<char, 4096> buf{};
-    size_t n = 0;
-    while ((n = std::fread(buf.data(), 1, buf.size(), pipe)) > 0) {
+    for (size_t n; (n = std::fread(buf.data(), 1, buf.size(), pipe)) > 0;)
         if (out)
             out->append(buf.data(), n);
-    }
     const int status = ::pclose(pipe);
-    if (status < 0)
-        return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return status < 0 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 void write_setting(const std::string& root, const std::string& key, const std::string& value) {

@@ -7,11 +7,8 @@
 
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <vector>
 
-#include "daemon_process.h"
-#include "temp_dir.h"
 #include "wait.h"
 
 namespace nk::test {
@@ -49,40 +46,13 @@ std::vector<std::string> broker_command(const std::string& conf) {
 
 }  // namespace
 
-TestBroker::TestBroker(std::string dir) : dir_(std::move(dir)) {
-    if (dir_.empty()) {
-        own_dir_ = std::make_unique<TempDir>();
-        dir_ = own_dir_->path();
-    }
-    socket_ = dir_ + "/nkex.sock";
-}
-
-TestBroker::~TestBroker() {
-    stop();
-}
-
-bool TestBroker::write_config(const std::string& file) const {
-    std::string command = std::string(NK_BROKER_CONFIG) + " '" + socket_ + "'";
-    if (!accounts_dir_.empty()) {
-        std::string ignored;
-        if (run_command(std::string(NK_BUS_CREDENTIALS) + " '" + accounts_dir_ + "'", &ignored) !=
-            0)
-            return false;
-        command += " '" + accounts_dir_ + "'";
-    }
-    std::string text;
-    if (run_command(command, &text) != 0)
-        return false;
-    std::ofstream out(file, std::ios::trunc);
-    out << text;
-    return static_cast<bool>(out);
-}
-
 bool TestBroker::start() {
     if (running())
         return true;
     const std::string conf = dir_ + "/mosquitto.conf";
-    if (!write_config(conf))
+    const std::string accounts = accounts_dir_.empty() ? "" : " '" + accounts_dir_ + "'";
+    if ((!accounts.empty() && run_command(NK_BUS_CREDENTIALS + accounts + " >/dev/null") != 0) ||
+        run_command(NK_BROKER_CONFIG " '" + socket_ + "'" + accounts + " >'" + conf + "'") != 0)
         return false;
     ::unlink(socket_.c_str());
     process_ = std::make_unique<DaemonProcess>();
@@ -101,11 +71,6 @@ void TestBroker::stop() {
     process_->stop(SIGTERM, 3s);
     process_.reset();
     ::unlink(socket_.c_str());
-}
-
-bool TestBroker::restart() {
-    stop();
-    return start();
 }
 
 }  // namespace nk::test

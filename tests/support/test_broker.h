@@ -11,11 +11,9 @@ namespace nk::test {
 
 class TestBroker {
 public:
-    // Config and socket live in `dir` (a fresh scratch directory when empty).
-    explicit TestBroker(std::string dir = "");
-    ~TestBroker();
-    TestBroker(const TestBroker&) = delete;
-    TestBroker& operator=(const TestBroker&) = delete;
+    // Config and socket live in `dir`.
+    explicit TestBroker(std::string dir) : dir_(std::move(dir)), socket_(dir_ + "/nkex.sock") {}
+    ~TestBroker() { stop(); }
 
     // Makes the bus's accounts in `dir` (scripts/bus-credentials) at start: every client must
     // then log in, and may use only its own topics.
@@ -25,18 +23,12 @@ public:
     bool start();
     // SIGTERM, then reaps; a no-op when not running.
     void stop();
-    bool restart();
     bool running() const { return process_ != nullptr; }
 
     const std::string& socket_path() const { return socket_; }
-    // The NKEX_BROKER form: "unix:<socket>".
     std::string address() const { return "unix:" + socket_; }
 
 private:
-    // The project's one broker configuration, for this socket.
-    bool write_config(const std::string& file) const;
-
-    std::unique_ptr<TempDir> own_dir_;
     std::string dir_;
     std::string socket_;
     std::string accounts_dir_;

@@ -35,11 +35,4 @@ int reap(pid_t pid, std::chrono::milliseconds timeout) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-int in_child(const std::function<int()>& body, std::chrono::milliseconds timeout) {
-    const pid_t pid = ::fork();
-    if (pid == 0)
-        ::_exit(body());
-    return pid < 0 ? -1 : reap(pid, timeout);
-}
-
 }  // namespace nk::test

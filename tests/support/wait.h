@@ -20,7 +20,4 @@ bool wait_readable(int fd, std::chrono::milliseconds timeout = 5s);
 // at the deadline.
 int reap(pid_t pid, std::chrono::milliseconds timeout = 5s);
 
-// Runs `body` in a forked child and reaps it; the status body returned.
-int in_child(const std::function<int()>& body, std::chrono::milliseconds timeout = 5s);
-
 }  // namespace nk::test
