@@ -8,7 +8,6 @@
 #include "bus_event_handlers.h"
 #include "daemon_fixture.h"
 #include "daemon_state.h"
-#include "dhcp_captures.h"
 #include "network_info.h"
 #include "stderr_capture.h"
 #include "wait.h"

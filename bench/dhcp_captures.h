@@ -1,4 +1,4 @@
-// The captured client messages of data/dhcp_captures.jsonl for the DHCP benchmark.
+// The captured client messages of tests/daemon/data/dhcp_captures.jsonl, for the benchmark.
 #pragma once
 
 #include "test_data.h"
