@@ -13,7 +13,7 @@ struct CapturedDhcp {
 inline const std::vector<CapturedDhcp> kCapturedDhcp = [] {
     std::vector<CapturedDhcp> out;
     for (const nk::json_ptr& row : rows("dhcp_captures"))
-        out.push_back({flag(row.get(), "v6"), str(row.get(), "udp")});
+        out.push_back({nk::test::Row(row.get()).flag("v6"), nk::test::Row(row.get()).str("udp")});
     return out;
 }();
 

@@ -91,9 +91,9 @@ TEST_F(SubmissionTest, AnAcceptedFingerprintIsStoredAndNeverSentAgain) {
 // (data/submission_backoff.jsonl).
 TEST_F(SubmissionTest, DeferredAndFailedSubmissionsAreRetriedWithBackOff) {
     for (const nk::json_ptr& row : nk::test::rows("submission_backoff")) {
-        const std::string fault = nk::test::str(row.get(), "fault");
-        const std::int32_t state = state_of(nk::test::str(row.get(), "state"));
-        const std::vector<long long> intervals = nk::test::nums(row.get(), "intervals");
+        const std::string fault = nk::test::Row(row.get()).str("fault");
+        const std::int32_t state = state_of(nk::test::Row(row.get()).str("state"));
+        const std::vector<long long> intervals = nk::test::Row(row.get()).nums("intervals");
         SCOPED_TRACE(fault);
         emu("fault clear");
         emu(fmt::format("fault add {},command=set_device_additional_info", fault));
@@ -177,8 +177,9 @@ TEST_F(SubmissionTest, ServiceInfoCountsAsSentWhenAnAnswerCame) {
 TEST(SubmissionAnswerTest, EachAnswerLeavesTheRecordInItsState) {
     for (const nk::json_ptr& row : nk::test::rows("submission_answers")) {
         const json_t* c = row.get();
-        const std::string status = nk::test::str(c, "status"), data = nk::test::str(c, "data");
-        const bool user_agent = nk::test::flag(c, "user_agent");
+        const std::string status = nk::test::Row(c).str("status"),
+                          data = nk::test::Row(c).str("data");
+        const bool user_agent = nk::test::Row(c).flag("user_agent");
         SCOPED_TRACE(
             fmt::format("{} {} {}", user_agent ? "user agent" : "fingerprint", status, data));
         Message m{};
@@ -204,7 +205,7 @@ TEST(SubmissionAnswerTest, EachAnswerLeavesTheRecordInItsState) {
                 &m);
             state = fingerprints().at(0).state;
         }
-        EXPECT_EQ(state, state_of(nk::test::str(c, "state")));
+        EXPECT_EQ(state, state_of(nk::test::Row(c).str("state")));
     }
 }
 

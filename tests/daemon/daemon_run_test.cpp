@@ -75,25 +75,25 @@ TEST_F(DaemonRunTest, StartUpFailuresExitWithStatusOne) {
     std::ofstream(dir_ / "file") << "x";
     for (const nk::json_ptr& row : nk::test::rows("startup_failures")) {
         const json_t* c = row.get();
-        std::string line = nk::test::str(c, "line");
+        std::string line = nk::test::Row(c).str("line");
         SCOPED_TRACE(line);
-        if (!nk::test::str(c, "setting").empty()) {
-            ASSERT_EQ(nkset(nk::test::str(c, "setting")), 0);
+        if (!nk::test::Row(c).str("setting").empty()) {
+            ASSERT_EQ(nkset(nk::test::Row(c).str("setting")), 0);
         }
-        if (nk::test::flag(c, "no_broker"))
+        if (nk::test::Row(c).flag("no_broker"))
             broker_.stop();
-        if (nk::test::flag(c, "second")) {
+        if (nk::test::Row(c).flag("second")) {
             ASSERT_TRUE(start());
             ASSERT_TRUE(daemon_.wait_for_line("disco ready"));
             line.replace(line.find("$PID"), 4, std::to_string(daemon_.pid()));
         }
         DaemonProcess daemon;
         ASSERT_TRUE(daemon.start(
-            args(nk::test::flag(c, "below_file") ? dir_ / "file/settings" : settings_)));
+            args(nk::test::Row(c).flag("below_file") ? dir_ / "file/settings" : settings_)));
         EXPECT_EQ(daemon.wait_exit(), 1);
         EXPECT_EQ(daemon.count_lines(line), 1);
         EXPECT_EQ(daemon.count_lines("disco ready"), 0);
-        if (nk::test::flag(c, "second")) {
+        if (nk::test::Row(c).flag("second")) {
             EXPECT_EQ(daemon_.stop(SIGTERM), 0);
         }
     }

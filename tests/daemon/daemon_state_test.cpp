@@ -25,7 +25,7 @@ protected:
 
 TEST_F(DaemonStateTest, StoreValuesOverrideDefaults) {
     for (const nk::json_ptr& row : nk::test::rows("tunables"))
-        set(nk::test::str(row.get(), "key"), nk::test::str(row.get(), "value"));
+        set(nk::test::Row(row.get()).str("key"), nk::test::Row(row.get()).str("value"));
     ASSERT_TRUE(init_globals());
     EXPECT_EQ(g_retry_interval["default"], 7);
     EXPECT_EQ(g_retry_interval["update_box_detected_name"], 90);
@@ -45,11 +45,11 @@ TEST_F(DaemonStateTest, AddDeviceToCloudIsTheLongerNeighbourExpiry) {
         SCOPED_TRACE(nk::json_dump_compact(c));
         nk::setMgmt::deleteKey("/daemons");
         if (json_object_get(c, "v4"))
-            set(g_neigh_expiry_time_key, nk::test::str(c, "v4"));
+            set(g_neigh_expiry_time_key, nk::test::Row(c).str("v4"));
         if (json_object_get(c, "v6"))
-            set(g_neigh_expiry_time_v6_key, nk::test::str(c, "v6"));
+            set(g_neigh_expiry_time_v6_key, nk::test::Row(c).str("v6"));
         ASSERT_TRUE(init_globals());
-        EXPECT_EQ(g_retry_interval["add_device_to_cloud"], nk::test::num(c, "expected"));
+        EXPECT_EQ(g_retry_interval["add_device_to_cloud"], nk::test::Row(c).num("expected"));
     }
 }
 

@@ -65,7 +65,7 @@ protected:
 TEST_F(ScriptedCloudTest, AnswersOutsideTheProtocolEndTheLoad) {
     for (const nk::json_ptr& row : nk::test::rows("device_pages")) {
         const json_t* c = row.get();
-        SCOPED_TRACE(nk::test::str(c, "line"));
+        SCOPED_TRACE(nk::test::Row(c).str("line"));
         answers_.clear();
         std::size_t i = 0;
         const json_t* a = nullptr;
@@ -77,10 +77,10 @@ TEST_F(ScriptedCloudTest, AnswersOutsideTheProtocolEndTheLoad) {
         }
         first_ = cloud_.sent().size();
         nk::test::StderrCapture capture;
-        EXPECT_EQ(load_devices_from_cloud(), nk::test::flag(c, "loaded"));
-        EXPECT_NE(capture.text().find(nk::test::str(c, "line")), std::string::npos);
-        EXPECT_EQ(g_devices.size(), static_cast<std::size_t>(nk::test::num(c, "devices")));
-        EXPECT_EQ(requests(), static_cast<std::size_t>(nk::test::num(c, "requests")));
+        EXPECT_EQ(load_devices_from_cloud(), nk::test::Row(c).flag("loaded"));
+        EXPECT_NE(capture.text().find(nk::test::Row(c).str("line")), std::string::npos);
+        EXPECT_EQ(g_devices.size(), static_cast<std::size_t>(nk::test::Row(c).num("devices")));
+        EXPECT_EQ(requests(), static_cast<std::size_t>(nk::test::Row(c).num("requests")));
     }
 }
 

@@ -98,7 +98,7 @@ TEST_F(EventProcessorsTest, EveryRequestIsAnsweredAfterTheFirstLeasesAndUnknownM
     const std::vector<nk::json_ptr> cases = nk::test::rows("device_id_requests");
     std::vector<std::future<std::string>> answers;
     for (const nk::json_ptr& c : cases)
-        answers.push_back(ask(nk::test::str(c.get(), "mac"), nk::test::str(c.get(), "ip")));
+        answers.push_back(ask(nk::test::Row(c.get()).str("mac"), nk::test::Row(c.get()).str("ip")));
     ASSERT_TRUE(nk::test::wait_until([] { return queued_requests() == 5; }));
 
     process_event_pipe();
@@ -107,7 +107,7 @@ TEST_F(EventProcessorsTest, EveryRequestIsAnsweredAfterTheFirstLeasesAndUnknownM
     set_leases_received(true);
     process_event_pipe();
     for (std::size_t i = 0; i < cases.size(); ++i)
-        EXPECT_EQ(answers[i].get(), nk::test::str(cases[i].get(), "answer"));
+        EXPECT_EQ(answers[i].get(), nk::test::Row(cases[i].get()).str("answer"));
 
     // The unknown MAC was registered in the same pass, and its askers told the permanent id.
     ASSERT_NE(find_device_by_mac(kUnknown), nullptr);
@@ -273,26 +273,26 @@ TEST_F(EventProcessorsTest, ServiceInformationIsSentWhenDue) {
         {"web", {"_http._tcp", "printer", "", 80}}};
     const auto set_of = [&](const json_t* row, const char* key) {
         std::set<AvahiInfo> out;
-        for (const std::string& name : nk::test::strs(row, key))
+        for (const std::string& name : nk::test::Row(row).strs(key))
             out.insert(services.at(name));
         return out;
     };
     g_avahi_submission_interval = 600;
     for (const nk::json_ptr& row : nk::test::rows("service_info_due")) {
         const json_t* c = row.get();
-        SCOPED_TRACE(nk::test::str(c, "what"));
+        SCOPED_TRACE(nk::test::Row(c).str("what"));
         cloud_.set("set_device_additional_info", R"({"result": {}})",
-                   static_cast<int>(nk::test::num(c, "cloud_status")));
-        g_devices[0].local.avahi_info = {static_cast<std::time_t>(nk::test::num(c, "last")),
+                   static_cast<int>(nk::test::Row(c).num("cloud_status")));
+        g_devices[0].local.avahi_info = {static_cast<std::time_t>(nk::test::Row(c).num("last")),
                                          set_of(c, "current"), set_of(c, "kept"),
-                                         nk::test::flag(c, "pending")};
+                                         nk::test::Row(c).flag("pending")};
         const std::size_t before = cloud_.bodies("set_device_additional_info").size();
         process_avahi_services();
         EXPECT_EQ(cloud_.bodies("set_device_additional_info").size() - before,
-                  nk::test::flag(c, "sent") ? 1u : 0u);
+                  nk::test::Row(c).flag("sent") ? 1u : 0u);
         const AdditionalInfoCache<AvahiInfo>& after = g_devices[0].local.avahi_info;
-        EXPECT_EQ(after.last_submission, nk::test::num(c, "last_after"));
-        EXPECT_EQ(after.pending, nk::test::flag(c, "pending_after"));
+        EXPECT_EQ(after.last_submission, nk::test::Row(c).num("last_after"));
+        EXPECT_EQ(after.pending, nk::test::Row(c).flag("pending_after"));
     }
 }
 

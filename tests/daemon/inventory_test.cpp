@@ -246,11 +246,11 @@ TEST(PendingDevices, OnePerLocalIdNamedByTheLeasesAndNoneInLeasesMode) {
 
 TEST(StrRtrim, TrailingWhiteSpaceOnly) {
     for (const nk::json_ptr& row : nk::test::rows("rtrim")) {
-        std::string buffer = nk::test::str(row.get(), "in");
+        std::string buffer = nk::test::Row(row.get()).str("in");
         SCOPED_TRACE(buffer);
         buffer.push_back('\0');
-        EXPECT_EQ(str_rtrim(buffer.data()) != 0, nk::test::flag(row.get(), "last_was_space"));
-        EXPECT_EQ(buffer.c_str(), nk::test::str(row.get(), "out"));
+        EXPECT_EQ(str_rtrim(buffer.data()) != 0, nk::test::Row(row.get()).flag("last_was_space"));
+        EXPECT_EQ(buffer.c_str(), nk::test::Row(row.get()).str("out"));
     }
 }
 

@@ -79,11 +79,11 @@ TEST_F(NetworkInfoTest, PublishesAndClassifiesInterfaces) {
 
     // What is published in the store, and how the table answers queries.
     for (const nk::json_ptr& row : nk::test::rows("interfaces_published")) {
-        const std::string key = nk::test::str(row.get(), "key"),
-                          q = nk::test::str(row.get(), "query"),
-                          arg = nk::test::str(row.get(), "arg");
+        const std::string key = nk::test::Row(row.get()).str("key"),
+                          q = nk::test::Row(row.get()).str("query"),
+                          arg = nk::test::Row(row.get()).str("arg");
         if (!key.empty()) {
-            EXPECT_EQ(value_of(key), nk::test::str(row.get(), "value")) << key;
+            EXPECT_EQ(value_of(key), nk::test::Row(row.get()).str("value")) << key;
             continue;
         }
         const bool is = q == "in_subnet"  ? is_in_subnet(arg)
@@ -91,7 +91,7 @@ TEST_F(NetworkInfoTest, PublishesAndClassifiesInterfaces) {
                         : q == "wan"      ? is_wan(arg)
                         : q == "guest"    ? is_guest(arg)
                                           : is_on_box(arg);
-        EXPECT_EQ(is, nk::test::flag(row.get(), "is")) << q << " " << arg;
+        EXPECT_EQ(is, nk::test::Row(row.get()).flag("is")) << q << " " << arg;
     }
 
     const auto box = load_device_from_storage("box-1");

@@ -11,8 +11,6 @@
 
 namespace {
 
-using nk::test::str;
-
 const macaddr kMac("a4:5e:60:c2:1f:0b");
 
 nk::onbox::Guardian& gate() {
@@ -28,6 +26,7 @@ protected:
     }
 };
 using OnboxTest = RegistrationTest;
+using nk::test::Row;
 
 TEST_F(RegistrationTest, ConnectRegistersReportsAndBlocksTheMacForTheInterval) {
     g_sync_poll_interval = 60;
@@ -84,7 +83,8 @@ TEST_F(RegistrationTest, FailedRegistrationLeavesNoStampSoTheNextSightingRetries
 // Rows: data/name_updates.jsonl; without a cloud_id nothing may be sent.
 TEST_F(RegistrationTest, NameUpdates) {
     for (const nk::json_ptr& row : nk::test::rows("name_updates")) {
-        const std::string name = str(row.get(), "name"), cloud_id = str(row.get(), "cloud_id");
+        const std::string name = Row(row.get()).str("name"),
+                          cloud_id = Row(row.get()).str("cloud_id");
         SCOPED_TRACE(name);
         g_connect_device_times.clear();
         g_cloud_devices_loaded = g_local_devices_loaded = true;
@@ -98,7 +98,7 @@ TEST_F(RegistrationTest, NameUpdates) {
         device.update_box_detected_name(name);
 
         EXPECT_EQ(sent(), before + (cloud_id.empty() ? 0 : 1));
-        EXPECT_EQ(device.cloud.box_detected_name, str(row.get(), "kept"));
+        EXPECT_EQ(device.cloud.box_detected_name, Row(row.get()).str("kept"));
         const bool reloads = !cloud_id.empty() && cloud_id != "d-1";
         EXPECT_EQ(g_cloud_devices_loaded || g_local_devices_loaded, !reloads);
     }
@@ -122,9 +122,8 @@ TEST_F(OnboxTest, WhatIsReportedAndWhatASuccessChanges) {
         const json_t* c = row.get();
         const json_t* body = json_object_get(c, "body");
         SCOPED_TRACE(nk::json_dump_compact(c));
-        Device device =
-            pending(static_cast<int>(nk::test::num(c, "onbox")), nk::test::str(c, "box_device_id"));
-        if (nk::test::flag(c, "with_addresses")) {
+        Device device = pending(static_cast<int>(Row(c).num("onbox")), Row(c).str("box_device_id"));
+        if (Row(c).flag("with_addresses")) {
             device.cloud.onguest = 1;
             for (const char* ip : {"192.168.1.20", "fe80::1", "2001:db8::5"})
                 device.local.macips.add_ip(kMac, address(ip));
@@ -141,7 +140,7 @@ TEST_F(OnboxTest, WhatIsReportedAndWhatASuccessChanges) {
             EXPECT_TRUE(json_equal(sent_body.get(), body)) << cloud_.sent().back().second;
         }
         EXPECT_FALSE(device.local.onbox_info.to_send);
-        EXPECT_EQ(device.cloud.box_device_id, nk::test::str(c, "box_after"));
+        EXPECT_EQ(device.cloud.box_device_id, Row(c).str("box_after"));
         EXPECT_EQ(nk::test::marker("d-1"), "1");
         nk::setMgmt::deleteKey("/devices/d-1");
     }
@@ -164,15 +163,15 @@ TEST_F(OnboxTest, GateFollowsTheSwitchWhileRunning) {
 TEST_F(OnboxTest, CloudFailureKeepsTheReportPendingForALaterTry) {
     for (const nk::json_ptr& row : nk::test::rows("onbox_failures")) {
         const json_t* c = row.get();
-        SCOPED_TRACE(nk::test::str(c, "line"));
+        SCOPED_TRACE(Row(c).str("line"));
         g_now = 1000;
         cloud_.set("set_device_onbox",
-                   json_object_get(c, "answer") ? nk::test::str(c, "answer").c_str() : nullptr,
-                   static_cast<int>(nk::test::num(c, "status")));
+                   json_object_get(c, "answer") ? Row(c).str("answer").c_str() : nullptr,
+                   static_cast<int>(Row(c).num("status")));
         Device device = pending(1, "box-1");
         nk::test::StderrCapture capture;
         device.handle_onbox_info();
-        EXPECT_NE(capture.text().find(nk::test::str(c, "line")), std::string::npos);
+        EXPECT_NE(capture.text().find(Row(c).str("line")), std::string::npos);
 
         const std::size_t before = sent();
         cloud_.set("set_device_onbox", R"({"result": {}})");
@@ -198,9 +197,9 @@ protected:
 // A good answer and the compact body are checked where devices are registered.
 TEST_F(CloudRequestTest, FailuresLeaveTheSlotEmptyAndSayWhy) {
     for (const nk::json_ptr& row : nk::test::rows("cloud_failures")) {
-        const std::string line = nk::test::str(row.get(), "line");
-        cloud_.set("connect_device", nk::test::str(row.get(), "payload").c_str(),
-                   static_cast<int>(nk::test::num(row.get(), "status")));
+        const std::string line = Row(row.get()).str("line");
+        cloud_.set("connect_device", Row(row.get()).str("payload").c_str(),
+                   static_cast<int>(Row(row.get()).num("status")));
         nk::json_ptr answer;
         nk::test::StderrCapture capture;
         EXPECT_FALSE(cloud_request(kCloudConnectDevice, body_.get(), &answer)) << line;

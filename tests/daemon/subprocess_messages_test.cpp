@@ -23,8 +23,7 @@
 namespace {
 
 using nk::netMgmt::Interface;
-using nk::test::flag;
-using nk::test::str;
+using nk::test::Row;
 
 TEST(RestartPolicy, ACollectorThatDiesAtOnceIsStartedSixTimesThenLeftUntilTheThreshold) {
     nk::test::TempDir dir;
@@ -103,17 +102,17 @@ protected:
     void play(const std::string& name) {
         for (const nk::json_ptr& row : nk::test::rows("collector_messages")) {
             const json_t* s = row.get();
-            if (str(s, "case") != name)
+            if (Row(s).str("case") != name)
                 continue;
             SCOPED_TRACE(nk::json_dump_compact(s));
-            g_now += nk::test::num(s, "advance");
-            if (!str(s, "ignored").empty()) {
+            g_now += Row(s).num("advance");
+            if (!Row(s).str("ignored").empty()) {
                 ASSERT_EQ(nk::setMgmt::setKey("/daemons/nkdevicediscovery/ignored_macs/user",
-                                              str(s, "ignored")),
+                                              Row(s).str("ignored")),
                           0);
             }
-            if (!str(s, "connect_id").empty())
-                cloud_.set("connect_device", nk::test::id_answer(str(s, "connect_id")).c_str());
+            if (!Row(s).str("connect_id").empty())
+                cloud_.set("connect_device", nk::test::id_answer(Row(s).str("connect_id")).c_str());
             if (const json_t* on = json_object_get(s, "additional_info"))
                 g_feature_additional_info = json_is_true(on);
             const json_t* message = json_object_get(s, "message");
@@ -123,14 +122,14 @@ protected:
                                                  ? json_string_value(message)
                                                  : nk::json_dump_compact(message)});
             }
-            if (!str(s, "reset").empty())
-                reset_service_info(str(s, "reset") == "upnp" ? ServiceInfoKind::Upnp
-                                                             : ServiceInfoKind::Netbios);
+            if (!Row(s).str("reset").empty())
+                reset_service_info(Row(s).str("reset") == "upnp" ? ServiceInfoKind::Upnp
+                                                                 : ServiceInfoKind::Netbios);
 
             expect_member(s, "received", leases_received());
             expect_member(s, "devices", static_cast<long long>(g_devices.size()));
             expect_member(s, "sent", static_cast<long long>(sent()));
-            EXPECT_TRUE(!flag(s, "unchanged") || sent() == before);
+            EXPECT_TRUE(!Row(s).flag("unchanged") || sent() == before);
             for (const char* command : {"connect_device", "set_device_onbox"})
                 expect_member(s, command, static_cast<long long>(cloud_.bodies(command).size()));
             const char* key = nullptr;
@@ -145,16 +144,16 @@ protected:
                           json_is_string(v) ? json_string_value(v) : "none")
                     << key;
             }
-            for (const std::string& id : nk::test::strs(s, "stored"))
+            for (const std::string& id : Row(s).strs("stored"))
                 EXPECT_NE(nk::test::marker(id), "absent") << id;
             std::size_t i = 0;
             json_array_foreach(json_object_get(s, "device"), i, v) {
                 ASSERT_LT(i, g_devices.size());
                 const Device& device = g_devices[i];
                 if (json_object_get(v, "ips")) {
-                    const macaddr mac(str(v, "mac"));
+                    const macaddr mac(Row(v).str("mac"));
                     nk::ip_set expected;
-                    for (const std::string& ip : nk::test::strs(v, "ips"))
+                    for (const std::string& ip : Row(v).strs("ips"))
                         expected.insert(address(ip));
                     EXPECT_EQ(device.local.macips.get_ips(mac, true), expected);
                     nk::devMgmt::Device record;
@@ -174,19 +173,19 @@ protected:
                 expect_member(v, "netbios_kept", device.local.netbios_info.kept.size());
                 expect_member(v, "netbios_pending", device.local.netbios_info.pending);
                 if (json_object_get(v, "name")) {
-                    EXPECT_EQ(device.cloud.box_detected_name, str(v, "name"));
+                    EXPECT_EQ(device.cloud.box_detected_name, Row(v).str("name"));
                 }
             }
             json_array_foreach(json_object_get(s, "real_macs"), i, v) {
-                EXPECT_EQ(get_real_mac(macaddr(str(v, "mac")), address(str(v, "ip"))),
-                          macaddr(str(v, "real")));
+                EXPECT_EQ(get_real_mac(macaddr(Row(v).str("mac")), address(Row(v).str("ip"))),
+                          macaddr(Row(v).str("real")));
             }
             if (json_object_get(s, "user_agents")) {
                 std::vector<std::string> agents;
                 const std::lock_guard lock(g_user_agents_mutex);
                 for (const auto& agent : g_user_agents)
                     agents.push_back(agent.mac.to_string() + " " + agent.user_agent);
-                EXPECT_EQ(agents, nk::test::strs(s, "user_agents"));
+                EXPECT_EQ(agents, Row(s).strs("user_agents"));
             }
             const std::lock_guard lock(g_mangled_macs_mutex);
             expect_member(s, "mangled", static_cast<long long>(g_mangled_macs.size()));
@@ -250,7 +249,7 @@ TEST(ServiceInfo, PayloadsAndConversions) {
         R"({"name":"NAS","service":"workstation"}]}])");
     // A table read in part is no table: the one before stays whole (data/netbios_tables.jsonl).
     for (const nk::json_ptr& row : nk::test::rows("netbios_tables")) {
-        const bool ok = nk::test::flag(row.get(), "ok");
+        const bool ok = Row(row.get()).flag("ok");
         SCOPED_TRACE(nk::json_dump_compact(row.get()));
         NetbiosTable read = table;
         EXPECT_EQ(read.from_json(json_object_get(row.get(), "json")), ok);

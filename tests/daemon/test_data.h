@@ -18,22 +18,6 @@ inline std::vector<nk::json_ptr> rows(const std::string& name) {
     return read_json_lines(data_dir() + "/" + name + ".jsonl");
 }
 
-inline std::string str(const json_t* row, const char* key) {
-    return Row(row).str(key);
-}
-inline bool flag(const json_t* row, const char* key) {
-    return Row(row).flag(key);
-}
-inline long long num(const json_t* row, const char* key, long long fallback = 0) {
-    return Row(row).num(key, fallback);
-}
-inline std::vector<std::string> strs(const json_t* row, const char* key) {
-    return Row(row).strs(key);
-}
-inline std::vector<long long> nums(const json_t* row, const char* key) {
-    return Row(row).nums(key);
-}
-
 inline std::vector<std::uint8_t> from_hex(const std::string& hex) {
     std::vector<std::uint8_t> out;
     for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
