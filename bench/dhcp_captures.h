@@ -12,8 +12,8 @@ struct CapturedDhcp {
 
 inline const std::vector<CapturedDhcp> kCapturedDhcp = [] {
     std::vector<CapturedDhcp> out;
-    for (const nk::json_ptr& row : rows("dhcp_captures"))
-        out.push_back({nk::test::Row(row.get()).flag("v6"), nk::test::Row(row.get()).str("udp")});
+    for (const Row& row : rows("dhcp_captures"))
+        out.push_back({row.flag("v6"), row.str("udp")});
     return out;
 }();
 

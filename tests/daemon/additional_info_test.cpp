@@ -90,10 +90,10 @@ TEST_F(SubmissionTest, AnAcceptedFingerprintIsStoredAndNeverSentAgain) {
 // Each retry doubles the wait, up to the cap of the state the record was in
 // (data/submission_backoff.jsonl).
 TEST_F(SubmissionTest, DeferredAndFailedSubmissionsAreRetriedWithBackOff) {
-    for (const nk::json_ptr& row : nk::test::rows("submission_backoff")) {
-        const std::string fault = nk::test::Row(row.get()).str("fault");
-        const std::int32_t state = state_of(nk::test::Row(row.get()).str("state"));
-        const std::vector<long long> intervals = nk::test::Row(row.get()).nums("intervals");
+    for (const nk::test::Row& row : nk::test::rows("submission_backoff")) {
+        const std::string fault = row.str("fault");
+        const std::int32_t state = state_of(row.str("state"));
+        const std::vector<long long> intervals = row.nums("intervals");
         SCOPED_TRACE(fault);
         emu("fault clear");
         emu(fmt::format("fault add {},command=set_device_additional_info", fault));
@@ -175,11 +175,9 @@ TEST_F(SubmissionTest, ServiceInfoCountsAsSentWhenAnAnswerCame) {
 
 // The answers the emulator never gives, handed to the callbacks as the bus would.
 TEST(SubmissionAnswerTest, EachAnswerLeavesTheRecordInItsState) {
-    for (const nk::json_ptr& row : nk::test::rows("submission_answers")) {
-        const json_t* c = row.get();
-        const std::string status = nk::test::Row(c).str("status"),
-                          data = nk::test::Row(c).str("data");
-        const bool user_agent = nk::test::Row(c).flag("user_agent");
+    for (const nk::test::Row& c : nk::test::rows("submission_answers")) {
+        const std::string status = c.str("status"), data = c.str("data");
+        const bool user_agent = c.flag("user_agent");
         SCOPED_TRACE(
             fmt::format("{} {} {}", user_agent ? "user agent" : "fingerprint", status, data));
         Message m{};
@@ -205,7 +203,7 @@ TEST(SubmissionAnswerTest, EachAnswerLeavesTheRecordInItsState) {
                 &m);
             state = fingerprints().at(0).state;
         }
-        EXPECT_EQ(state, state_of(nk::test::Row(c).str("state")));
+        EXPECT_EQ(state, state_of(c.str("state")));
     }
 }
 

@@ -14,6 +14,7 @@
 #include <nk/json.h>
 #include <nk/setmgmt.h>
 
+#include "bus_peer.h"
 #include "emulated_cloud.h"
 #include "scripted_cloud.h"
 #include "test_broker.h"
@@ -73,27 +74,25 @@ TEST_F(DaemonRunTest, ExitsCleanlyOnSignal) {
 // The rows: data/startup_failures.jsonl; a second daemon on the same store among them.
 TEST_F(DaemonRunTest, StartUpFailuresExitWithStatusOne) {
     std::ofstream(dir_ / "file") << "x";
-    for (const nk::json_ptr& row : nk::test::rows("startup_failures")) {
-        const json_t* c = row.get();
-        std::string line = nk::test::Row(c).str("line");
+    for (const nk::test::Row& c : nk::test::rows("startup_failures")) {
+        std::string line = c.str("line");
         SCOPED_TRACE(line);
-        if (!nk::test::Row(c).str("setting").empty()) {
-            ASSERT_EQ(nkset(nk::test::Row(c).str("setting")), 0);
+        if (!c.str("setting").empty()) {
+            ASSERT_EQ(nkset(c.str("setting")), 0);
         }
-        if (nk::test::Row(c).flag("no_broker"))
+        if (c.flag("no_broker"))
             broker_.stop();
-        if (nk::test::Row(c).flag("second")) {
+        if (c.flag("second")) {
             ASSERT_TRUE(start());
             ASSERT_TRUE(daemon_.wait_for_line("disco ready"));
             line.replace(line.find("$PID"), 4, std::to_string(daemon_.pid()));
         }
         DaemonProcess daemon;
-        ASSERT_TRUE(daemon.start(
-            args(nk::test::Row(c).flag("below_file") ? dir_ / "file/settings" : settings_)));
+        ASSERT_TRUE(daemon.start(args(c.flag("below_file") ? dir_ / "file/settings" : settings_)));
         EXPECT_EQ(daemon.wait_exit(), 1);
         EXPECT_EQ(daemon.count_lines(line), 1);
         EXPECT_EQ(daemon.count_lines("disco ready"), 0);
-        if (nk::test::Row(c).flag("second")) {
+        if (c.flag("second")) {
             EXPECT_EQ(daemon_.stop(SIGTERM), 0);
         }
     }
@@ -219,24 +218,12 @@ protected:
 
     // The daemon's answer to request_device_id, as another daemon gets it.
     std::string ask(const std::string& mac, const std::string& ip) {
-        nkex_handle* client = nkex_init("asker", nullptr, nullptr, 1);
-        if (client == nullptr)
-            return "no bus";
-        Message request{};
-        std::snprintf(request.name, sizeof request.name, "request_device_id");
-        const std::string body = fmt::format(R"({{"mac":"{}","ip":"{}"}})", mac, ip);
-        request.data = body.data();
-        request.length = body.size();
-        Message* response = nullptr;
-        std::string id = "no answer";
-        if (nkex_send_request_and_wait_response(client, &request, &response) == 0) {
-            const nk::json_ptr answer(json_loadb(response->data, response->length, 0, nullptr));
-            const char* text = nk::json_string_member(answer.get(), "device_id");
-            id = text ? text : "bad answer";
-            nkex_free_response(response);
-        }
-        nkex_uninit(client);
-        return id;
+        const nk::test::Peer asker("asker");
+        const auto answer = nk::test::ask(asker.handle(), "request_device_id",
+                                          fmt::format(R"({{"mac":"{}","ip":"{}"}})", mac, ip));
+        const nk::json_ptr json(answer ? json_loads(answer->second.c_str(), 0, nullptr) : nullptr);
+        const char* id = nk::json_string_member(json.get(), "device_id");
+        return id ? id : "no answer";
     }
 
     // The devices of ids_ stored whole: a marker and a record in the table.

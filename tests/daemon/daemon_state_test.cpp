@@ -24,8 +24,8 @@ protected:
 };
 
 TEST_F(DaemonStateTest, StoreValuesOverrideDefaults) {
-    for (const nk::json_ptr& row : nk::test::rows("tunables"))
-        set(nk::test::Row(row.get()).str("key"), nk::test::Row(row.get()).str("value"));
+    for (const nk::test::Row& row : nk::test::rows("tunables"))
+        set(row.str("key"), row.str("value"));
     ASSERT_TRUE(init_globals());
     EXPECT_EQ(g_retry_interval["default"], 7);
     EXPECT_EQ(g_retry_interval["update_box_detected_name"], 90);
@@ -40,16 +40,15 @@ TEST_F(DaemonStateTest, StoreValuesOverrideDefaults) {
 }
 
 TEST_F(DaemonStateTest, AddDeviceToCloudIsTheLongerNeighbourExpiry) {
-    for (const nk::json_ptr& row : nk::test::rows("neighbour_expiry")) {
-        const json_t* c = row.get();
-        SCOPED_TRACE(nk::json_dump_compact(c));
+    for (const nk::test::Row& c : nk::test::rows("neighbour_expiry")) {
+        SCOPED_TRACE(c.text());
         nk::setMgmt::deleteKey("/daemons");
-        if (json_object_get(c, "v4"))
-            set(g_neigh_expiry_time_key, nk::test::Row(c).str("v4"));
-        if (json_object_get(c, "v6"))
-            set(g_neigh_expiry_time_v6_key, nk::test::Row(c).str("v6"));
+        if (c.get("v4"))
+            set(g_neigh_expiry_time_key, c.str("v4"));
+        if (c.get("v6"))
+            set(g_neigh_expiry_time_v6_key, c.str("v6"));
         ASSERT_TRUE(init_globals());
-        EXPECT_EQ(g_retry_interval["add_device_to_cloud"], nk::test::Row(c).num("expected"));
+        EXPECT_EQ(g_retry_interval["add_device_to_cloud"], c.num("expected"));
     }
 }
 

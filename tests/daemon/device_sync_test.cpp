@@ -63,13 +63,12 @@ protected:
 
 // [n, k] in a row of data/device_pages.jsonl is page n with k devices.
 TEST_F(ScriptedCloudTest, AnswersOutsideTheProtocolEndTheLoad) {
-    for (const nk::json_ptr& row : nk::test::rows("device_pages")) {
-        const json_t* c = row.get();
-        SCOPED_TRACE(nk::test::Row(c).str("line"));
+    for (const nk::test::Row& c : nk::test::rows("device_pages")) {
+        SCOPED_TRACE(c.str("line"));
         answers_.clear();
         std::size_t i = 0;
         const json_t* a = nullptr;
-        json_array_foreach(json_object_get(c, "answers"), i, a) {
+        json_array_foreach(c.get("answers"), i, a) {
             answers_.push_back(
                 json_is_array(a) ? page(static_cast<int>(json_integer_value(json_array_get(a, 0))),
                                         static_cast<int>(json_integer_value(json_array_get(a, 1))))
@@ -77,10 +76,10 @@ TEST_F(ScriptedCloudTest, AnswersOutsideTheProtocolEndTheLoad) {
         }
         first_ = cloud_.sent().size();
         nk::test::StderrCapture capture;
-        EXPECT_EQ(load_devices_from_cloud(), nk::test::Row(c).flag("loaded"));
-        EXPECT_NE(capture.text().find(nk::test::Row(c).str("line")), std::string::npos);
-        EXPECT_EQ(g_devices.size(), static_cast<std::size_t>(nk::test::Row(c).num("devices")));
-        EXPECT_EQ(requests(), static_cast<std::size_t>(nk::test::Row(c).num("requests")));
+        EXPECT_EQ(load_devices_from_cloud(), c.flag("loaded"));
+        EXPECT_NE(capture.text().find(c.str("line")), std::string::npos);
+        EXPECT_EQ(g_devices.size(), static_cast<std::size_t>(c.num("devices")));
+        EXPECT_EQ(requests(), static_cast<std::size_t>(c.num("requests")));
     }
 }
 

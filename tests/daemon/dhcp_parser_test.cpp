@@ -24,8 +24,8 @@ using nk::test::Row;
 const macaddr kFrameMac("02:aa:bb:cc:dd:01");
 
 // The DHCP message of a captured datagram, without its UDP header.
-Bytes dhcp_of(const json_t* packet) {
-    const Bytes udp = from_hex(Row(packet).str("udp"));
+Bytes dhcp_of(const Row& packet) {
+    const Bytes udp = from_hex(packet.str("udp"));
     return Bytes(udp.begin() + 8, udp.end());
 }
 
@@ -59,24 +59,23 @@ protected:
     void TearDown() override { nk::log::set_level(nk::log::INFO); }
 };
 
-void expect_reading(const Outcome& out, const json_t* expected, const macaddr& mac) {
+void expect_reading(const Outcome& out, const Row& expected, const macaddr& mac) {
     const nk::DhcpFingerprint& fp = out.result.fingerprint;
-    EXPECT_EQ(fp.option_list, Row(expected).str("option_list"));
-    EXPECT_EQ(fp.vendor_class, Row(expected).str("vendor_class"));
-    EXPECT_EQ(fp.version, Row(expected).flag("v6"));
-    EXPECT_EQ(out.result.hostname, Row(expected).str("hostname"));
+    EXPECT_EQ(fp.option_list, expected.str("option_list"));
+    EXPECT_EQ(fp.vendor_class, expected.str("vendor_class"));
+    EXPECT_EQ(fp.version, expected.flag("v6"));
+    EXPECT_EQ(out.result.hostname, expected.str("hostname"));
     EXPECT_EQ(out.result.mac, mac);
 }
 
 // What the message means to the parsers: one of their client types, and something to report.
-bool expected_ok(const json_t* p) {
+bool expected_ok(const Row& p) {
     static const std::set<std::string> v4 = {"Discover", "Request", "Decline", "Release", "Inform"};
     static const std::set<std::string> v6 = {"Solicit", "Request", "Renew", "Rebind"};
-    const bool fingerprint =
-        !Row(p).str("option_list").empty() || !Row(p).str("vendor_class").empty();
-    return Row(p).flag("v6") ? v6.count(Row(p).str("message_type")) &&
-                                   (fingerprint || !Row(p).str("hostname").empty())
-                             : v4.count(Row(p).str("message_type")) && fingerprint;
+    const bool fingerprint = !p.str("option_list").empty() || !p.str("vendor_class").empty();
+    return p.flag("v6")
+               ? v6.count(p.str("message_type")) && (fingerprint || !p.str("hostname").empty())
+               : v4.count(p.str("message_type")) && fingerprint;
 }
 
 // The options of a well-formed message as (offset, code, length) in message coordinates.
@@ -148,13 +147,12 @@ std::optional<std::string> expected_line(bool v6, const Bytes& m, std::size_t si
 // with its line.
 TEST_F(DhcpParserTest, EveryPrefixOfARealPacketIsRejectedAndTheWholeReadAsTsharkReadsIt) {
     int prefixes = 0, accepted = 0;
-    for (const nk::json_ptr& row : nk::test::rows("dhcp_captures")) {
-        const json_t* packet = row.get();
-        const bool v6 = Row(packet).flag("v6");
-        const macaddr source(Row(packet).str("source_mac"));
+    for (const Row& packet : nk::test::rows("dhcp_captures")) {
+        const bool v6 = packet.flag("v6");
+        const macaddr source(packet.str("source_mac"));
         const Bytes message = dhcp_of(packet);
         for (std::size_t size = 0; size <= message.size(); ++size, ++prefixes) {
-            SCOPED_TRACE(fmt::format("{}, first {} bytes", Row(packet).str("name"), size));
+            SCOPED_TRACE(fmt::format("{}, first {} bytes", packet.str("name"), size));
             const Outcome out = parse(v6, Bytes(message.begin(), message.begin() + size), source);
             EXPECT_FALSE(out.threw);
             if (size == message.size()) {
@@ -178,14 +176,13 @@ TEST_F(DhcpParserTest, EveryPrefixOfARealPacketIsRejectedAndTheWholeReadAsTshark
 
 // A DHCPv4 row gives the options after a client request's fixed header and cookie; chaddr ""
 // leaves it zero.
-Bytes v4_message(const json_t* row) {
-    const Bytes options = from_hex(Row(row).str("options"));
-    const std::string chaddr =
-        json_object_get(row, "chaddr") ? Row(row).str("chaddr") : "02:aa:bb:cc:dd:02";
-    const std::string cookie = json_object_get(row, "cookie") ? Row(row).str("cookie") : "63825363";
+Bytes v4_message(const Row& row) {
+    const Bytes options = from_hex(row.str("options"));
+    const std::string chaddr = row.get("chaddr") ? row.str("chaddr") : "02:aa:bb:cc:dd:02";
+    const std::string cookie = row.get("cookie") ? row.str("cookie") : "63825363";
     // Sized whole up front: GCC 12 at -O3 misreads a growing insert into a 240-byte vector.
     Bytes m(240 + options.size(), 0);
-    m[0] = static_cast<std::uint8_t>(Row(row).num("op", 1));
+    m[0] = static_cast<std::uint8_t>(row.num("op", 1));
     m[1] = 1;
     m[2] = 6;
     if (!chaddr.empty())
@@ -197,17 +194,16 @@ Bytes v4_message(const json_t* row) {
 }
 
 void edge_cases(bool v6) {
-    for (const nk::json_ptr& row : nk::test::rows("dhcp_edge_cases")) {
-        const json_t* c = row.get();
-        if (Row(c).flag("v6") != v6)
+    for (const Row& c : nk::test::rows("dhcp_edge_cases")) {
+        if (c.flag("v6") != v6)
             continue;
-        SCOPED_TRACE(Row(c).str("what"));
-        const Outcome out = parse(v6, v6 ? from_hex(Row(c).str("message")) : v4_message(c));
-        EXPECT_EQ(out.threw, Row(c).flag("throws"));
-        EXPECT_EQ(out.ok, Row(c).flag("ok")) << out.log;
-        EXPECT_NE(out.log.find(Row(c).str("line")), std::string::npos) << out.log;
-        if (Row(c).flag("ok") && out.ok)
-            expect_reading(out, c, macaddr(Row(c).str("mac")));
+        SCOPED_TRACE(c.str("what"));
+        const Outcome out = parse(v6, v6 ? from_hex(c.str("message")) : v4_message(c));
+        EXPECT_EQ(out.threw, c.flag("throws"));
+        EXPECT_EQ(out.ok, c.flag("ok")) << out.log;
+        EXPECT_NE(out.log.find(c.str("line")), std::string::npos) << out.log;
+        if (c.flag("ok") && out.ok)
+            expect_reading(out, c, macaddr(c.str("mac")));
     }
 }
 

@@ -72,18 +72,17 @@ std::string expand(std::string data) {
 // Every row starts from the row's load state and checks every queue, so an event that lands
 // in the wrong queue shows as well as one that is dropped.
 TEST_F(EventHandlersTest, EachEventQueuesWhatItCarriesOrIsDroppedWithItsLine) {
-    for (const nk::json_ptr& row : nk::test::rows("bus_events")) {
-        const json_t* c = row.get();
-        const std::string event = Row(c).str("event"), data = expand(Row(c).str("data"));
+    for (const Row& c : nk::test::rows("bus_events")) {
+        const std::string event = c.str("event"), data = expand(c.str("data"));
         SCOPED_TRACE(event + " " + data.substr(0, 120));
         {
             const std::lock_guard lock(g_devices_loaded_mutex);
-            g_cloud_devices_loaded = Row(c).flag("cloud_loaded");
-            g_local_devices_loaded = Row(c).flag("local_loaded");
+            g_cloud_devices_loaded = c.flag("cloud_loaded");
+            g_local_devices_loaded = c.flag("local_loaded");
             g_device_removed_flag = false;
         }
         std::string log;
-        if (Row(c).flag("request")) {
+        if (c.flag("request")) {
             std::promise<std::string> status;
             nk::test::StderrCapture capture;
             ASSERT_EQ(nkex_send_request(sifter_, event.c_str(), data.data(), data.size(),
@@ -97,15 +96,15 @@ TEST_F(EventHandlersTest, EachEventQueuesWhatItCarriesOrIsDroppedWithItsLine) {
             nk::log::set_level(data.size() > 100000 ? nk::log::INFO : nk::log::DEBUG);
             log = deliver(event, data);
         }
-        EXPECT_NE(log.find(Row(c).str("line")), std::string::npos) << log.substr(0, 2000);
-        if (!Row(c).str("no_line").empty()) {
-            EXPECT_EQ(log.find(Row(c).str("no_line")), std::string::npos) << log;
+        EXPECT_NE(log.find(c.str("line")), std::string::npos) << log.substr(0, 2000);
+        if (!c.str("no_line").empty()) {
+            EXPECT_EQ(log.find(c.str("no_line")), std::string::npos) << log;
         }
 
         const auto dhcp = take(g_dhcp_results, g_dhcp_results_mutex);
         const auto agents = take(g_user_agents, g_user_agents_mutex);
         const auto requests = take(g_devid_requests, g_devid_requests_mutex);
-        const long long version = Row(c).num("dhcp");
+        const long long version = c.num("dhcp");
         ASSERT_EQ(dhcp.size(), version ? 1u : 0u);
         if (version) {
             EXPECT_EQ(dhcp[0].fingerprint.version, version == 6);
@@ -114,26 +113,26 @@ TEST_F(EventHandlersTest, EachEventQueuesWhatItCarriesOrIsDroppedWithItsLine) {
         std::vector<std::string> seen;
         for (const auto& agent : agents)
             seen.push_back(fmt::format("{} {} {}", agent.mac, agent.ip, agent.user_agent));
-        EXPECT_EQ(seen, Row(c).strs("user_agents"));
+        EXPECT_EQ(seen, c.strs("user_agents"));
         seen.clear();
         for (const auto& request : requests)
             seen.push_back(fmt::format("{} {}", request.mac, request.ip));
-        EXPECT_EQ(seen, Row(c).strs("requests"));
+        EXPECT_EQ(seen, c.strs("requests"));
         const int woken = wakes(), queued = static_cast<int>(dhcp.size() + agents.size());
         EXPECT_TRUE(event.rfind("sifter_", 0) != 0 || woken == queued + 1) << woken;
 
-        EXPECT_EQ(take(g_removed_devices, g_removed_devices_mutex), Row(c).strs("removed"));
+        EXPECT_EQ(take(g_removed_devices, g_removed_devices_mutex), c.strs("removed"));
         const std::vector<ChangedInfo> changed = take(g_changed_devices, g_changed_devices_mutex);
-        ASSERT_EQ(changed.size(), Row(c).strs("changed").empty() ? 0u : 1u);
+        ASSERT_EQ(changed.size(), c.strs("changed").empty() ? 0u : 1u);
         if (!changed.empty()) {
             EXPECT_EQ(changed[0].device_id, "d-1");
-            EXPECT_EQ(changed[0].fields, Row(c).strs("changed"));
-            EXPECT_EQ(changed[0].is_additional, Row(c).flag("additional"));
+            EXPECT_EQ(changed[0].fields, c.strs("changed"));
+            EXPECT_EQ(changed[0].is_additional, c.flag("additional"));
         }
         const std::lock_guard lock(g_devices_loaded_mutex);
-        EXPECT_EQ(g_device_removed_flag, Row(c).flag("removal_flag"));
-        EXPECT_EQ(g_cloud_devices_loaded, Row(c).flag("cloud_loaded") && !Row(c).flag("reloads"));
-        EXPECT_EQ(g_local_devices_loaded, Row(c).flag("local_loaded") && !Row(c).flag("reloads"));
+        EXPECT_EQ(g_device_removed_flag, c.flag("removal_flag"));
+        EXPECT_EQ(g_cloud_devices_loaded, c.flag("cloud_loaded") && !c.flag("reloads"));
+        EXPECT_EQ(g_local_devices_loaded, c.flag("local_loaded") && !c.flag("reloads"));
     }
 }
 

@@ -95,10 +95,9 @@ protected:
 };
 
 TEST_F(EventProcessorsTest, EveryRequestIsAnsweredAfterTheFirstLeasesAndUnknownMacsRegistered) {
-    const std::vector<nk::json_ptr> cases = nk::test::rows("device_id_requests");
-    std::vector<std::future<std::string>> answers;
-    for (const nk::json_ptr& c : cases)
-        answers.push_back(ask(nk::test::Row(c.get()).str("mac"), nk::test::Row(c.get()).str("ip")));
+    std::vector<std::pair<std::future<std::string>, std::string>> answers;
+    for (const nk::test::Row& c : nk::test::rows("device_id_requests"))
+        answers.emplace_back(ask(c.str("mac"), c.str("ip")), c.str("answer"));
     ASSERT_TRUE(nk::test::wait_until([] { return queued_requests() == 5; }));
 
     process_event_pipe();
@@ -106,8 +105,8 @@ TEST_F(EventProcessorsTest, EveryRequestIsAnsweredAfterTheFirstLeasesAndUnknownM
 
     set_leases_received(true);
     process_event_pipe();
-    for (std::size_t i = 0; i < cases.size(); ++i)
-        EXPECT_EQ(answers[i].get(), nk::test::Row(cases[i].get()).str("answer"));
+    for (auto& [answer, expected] : answers)
+        EXPECT_EQ(answer.get(), expected);
 
     // The unknown MAC was registered in the same pass, and its askers told the permanent id.
     ASSERT_NE(find_device_by_mac(kUnknown), nullptr);
@@ -271,28 +270,27 @@ TEST_F(EventProcessorsTest, ServiceInformationIsSentWhenDue) {
         {"printer", {"_ipp._tcp", "printer", "", 631}},
         {"printer_moved", {"_ipp._tcp", "printer-2", "", 632}},
         {"web", {"_http._tcp", "printer", "", 80}}};
-    const auto set_of = [&](const json_t* row, const char* key) {
+    const auto set_of = [&](const nk::test::Row& row, const char* key) {
         std::set<AvahiInfo> out;
-        for (const std::string& name : nk::test::Row(row).strs(key))
+        for (const std::string& name : row.strs(key))
             out.insert(services.at(name));
         return out;
     };
     g_avahi_submission_interval = 600;
-    for (const nk::json_ptr& row : nk::test::rows("service_info_due")) {
-        const json_t* c = row.get();
-        SCOPED_TRACE(nk::test::Row(c).str("what"));
+    for (const nk::test::Row& c : nk::test::rows("service_info_due")) {
+        SCOPED_TRACE(c.str("what"));
         cloud_.set("set_device_additional_info", R"({"result": {}})",
-                   static_cast<int>(nk::test::Row(c).num("cloud_status")));
-        g_devices[0].local.avahi_info = {static_cast<std::time_t>(nk::test::Row(c).num("last")),
+                   static_cast<int>(c.num("cloud_status")));
+        g_devices[0].local.avahi_info = {static_cast<std::time_t>(c.num("last")),
                                          set_of(c, "current"), set_of(c, "kept"),
-                                         nk::test::Row(c).flag("pending")};
+                                         c.flag("pending")};
         const std::size_t before = cloud_.bodies("set_device_additional_info").size();
         process_avahi_services();
         EXPECT_EQ(cloud_.bodies("set_device_additional_info").size() - before,
-                  nk::test::Row(c).flag("sent") ? 1u : 0u);
+                  c.flag("sent") ? 1u : 0u);
         const AdditionalInfoCache<AvahiInfo>& after = g_devices[0].local.avahi_info;
-        EXPECT_EQ(after.last_submission, nk::test::Row(c).num("last_after"));
-        EXPECT_EQ(after.pending, nk::test::Row(c).flag("pending_after"));
+        EXPECT_EQ(after.last_submission, c.num("last_after"));
+        EXPECT_EQ(after.pending, c.flag("pending_after"));
     }
 }
 

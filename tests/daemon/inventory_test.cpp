@@ -245,12 +245,12 @@ TEST(PendingDevices, OnePerLocalIdNamedByTheLeasesAndNoneInLeasesMode) {
 }
 
 TEST(StrRtrim, TrailingWhiteSpaceOnly) {
-    for (const nk::json_ptr& row : nk::test::rows("rtrim")) {
-        std::string buffer = nk::test::Row(row.get()).str("in");
+    for (const nk::test::Row& row : nk::test::rows("rtrim")) {
+        std::string buffer = row.str("in");
         SCOPED_TRACE(buffer);
         buffer.push_back('\0');
-        EXPECT_EQ(str_rtrim(buffer.data()) != 0, nk::test::Row(row.get()).flag("last_was_space"));
-        EXPECT_EQ(buffer.c_str(), nk::test::Row(row.get()).str("out"));
+        EXPECT_EQ(str_rtrim(buffer.data()) != 0, row.flag("last_was_space"));
+        EXPECT_EQ(buffer.c_str(), row.str("out"));
     }
 }
 

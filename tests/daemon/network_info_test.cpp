@@ -78,12 +78,10 @@ TEST_F(NetworkInfoTest, PublishesAndClassifiesInterfaces) {
     ASSERT_EQ(interfaces.size(), 3u) << "dmz0 has no known role";
 
     // What is published in the store, and how the table answers queries.
-    for (const nk::json_ptr& row : nk::test::rows("interfaces_published")) {
-        const std::string key = nk::test::Row(row.get()).str("key"),
-                          q = nk::test::Row(row.get()).str("query"),
-                          arg = nk::test::Row(row.get()).str("arg");
+    for (const nk::test::Row& row : nk::test::rows("interfaces_published")) {
+        const std::string key = row.str("key"), q = row.str("query"), arg = row.str("arg");
         if (!key.empty()) {
-            EXPECT_EQ(value_of(key), nk::test::Row(row.get()).str("value")) << key;
+            EXPECT_EQ(value_of(key), row.str("value")) << key;
             continue;
         }
         const bool is = q == "in_subnet"  ? is_in_subnet(arg)
@@ -91,7 +89,7 @@ TEST_F(NetworkInfoTest, PublishesAndClassifiesInterfaces) {
                         : q == "wan"      ? is_wan(arg)
                         : q == "guest"    ? is_guest(arg)
                                           : is_on_box(arg);
-        EXPECT_EQ(is, nk::test::Row(row.get()).flag("is")) << q << " " << arg;
+        EXPECT_EQ(is, row.flag("is")) << q << " " << arg;
     }
 
     const auto box = load_device_from_storage("box-1");

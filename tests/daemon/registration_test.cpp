@@ -82,9 +82,8 @@ TEST_F(RegistrationTest, FailedRegistrationLeavesNoStampSoTheNextSightingRetries
 
 // Rows: data/name_updates.jsonl; without a cloud_id nothing may be sent.
 TEST_F(RegistrationTest, NameUpdates) {
-    for (const nk::json_ptr& row : nk::test::rows("name_updates")) {
-        const std::string name = Row(row.get()).str("name"),
-                          cloud_id = Row(row.get()).str("cloud_id");
+    for (const Row& row : nk::test::rows("name_updates")) {
+        const std::string name = row.str("name"), cloud_id = row.str("cloud_id");
         SCOPED_TRACE(name);
         g_connect_device_times.clear();
         g_cloud_devices_loaded = g_local_devices_loaded = true;
@@ -98,7 +97,7 @@ TEST_F(RegistrationTest, NameUpdates) {
         device.update_box_detected_name(name);
 
         EXPECT_EQ(sent(), before + (cloud_id.empty() ? 0 : 1));
-        EXPECT_EQ(device.cloud.box_detected_name, Row(row.get()).str("kept"));
+        EXPECT_EQ(device.cloud.box_detected_name, row.str("kept"));
         const bool reloads = !cloud_id.empty() && cloud_id != "d-1";
         EXPECT_EQ(g_cloud_devices_loaded || g_local_devices_loaded, !reloads);
     }
@@ -118,12 +117,11 @@ Device pending(int onbox, const std::string& box_device_id) {
 
 // The rows: data/onbox_reports.jsonl; a null body is never reported.
 TEST_F(OnboxTest, WhatIsReportedAndWhatASuccessChanges) {
-    for (const nk::json_ptr& row : nk::test::rows("onbox_reports")) {
-        const json_t* c = row.get();
-        const json_t* body = json_object_get(c, "body");
-        SCOPED_TRACE(nk::json_dump_compact(c));
-        Device device = pending(static_cast<int>(Row(c).num("onbox")), Row(c).str("box_device_id"));
-        if (Row(c).flag("with_addresses")) {
+    for (const Row& c : nk::test::rows("onbox_reports")) {
+        const json_t* body = c.get("body");
+        SCOPED_TRACE(c.text());
+        Device device = pending(static_cast<int>(c.num("onbox")), c.str("box_device_id"));
+        if (c.flag("with_addresses")) {
             device.cloud.onguest = 1;
             for (const char* ip : {"192.168.1.20", "fe80::1", "2001:db8::5"})
                 device.local.macips.add_ip(kMac, address(ip));
@@ -140,7 +138,7 @@ TEST_F(OnboxTest, WhatIsReportedAndWhatASuccessChanges) {
             EXPECT_TRUE(json_equal(sent_body.get(), body)) << cloud_.sent().back().second;
         }
         EXPECT_FALSE(device.local.onbox_info.to_send);
-        EXPECT_EQ(device.cloud.box_device_id, Row(c).str("box_after"));
+        EXPECT_EQ(device.cloud.box_device_id, c.str("box_after"));
         EXPECT_EQ(nk::test::marker("d-1"), "1");
         nk::setMgmt::deleteKey("/devices/d-1");
     }
@@ -161,17 +159,15 @@ TEST_F(OnboxTest, GateFollowsTheSwitchWhileRunning) {
 }
 
 TEST_F(OnboxTest, CloudFailureKeepsTheReportPendingForALaterTry) {
-    for (const nk::json_ptr& row : nk::test::rows("onbox_failures")) {
-        const json_t* c = row.get();
-        SCOPED_TRACE(Row(c).str("line"));
+    for (const Row& c : nk::test::rows("onbox_failures")) {
+        SCOPED_TRACE(c.str("line"));
         g_now = 1000;
-        cloud_.set("set_device_onbox",
-                   json_object_get(c, "answer") ? Row(c).str("answer").c_str() : nullptr,
-                   static_cast<int>(Row(c).num("status")));
+        cloud_.set("set_device_onbox", c.get("answer") ? c.str("answer").c_str() : nullptr,
+                   static_cast<int>(c.num("status")));
         Device device = pending(1, "box-1");
         nk::test::StderrCapture capture;
         device.handle_onbox_info();
-        EXPECT_NE(capture.text().find(Row(c).str("line")), std::string::npos);
+        EXPECT_NE(capture.text().find(c.str("line")), std::string::npos);
 
         const std::size_t before = sent();
         cloud_.set("set_device_onbox", R"({"result": {}})");
@@ -196,10 +192,10 @@ protected:
 
 // A good answer and the compact body are checked where devices are registered.
 TEST_F(CloudRequestTest, FailuresLeaveTheSlotEmptyAndSayWhy) {
-    for (const nk::json_ptr& row : nk::test::rows("cloud_failures")) {
-        const std::string line = Row(row.get()).str("line");
-        cloud_.set("connect_device", Row(row.get()).str("payload").c_str(),
-                   static_cast<int>(Row(row.get()).num("status")));
+    for (const Row& row : nk::test::rows("cloud_failures")) {
+        const std::string line = row.str("line");
+        cloud_.set("connect_device", row.str("payload").c_str(),
+                   static_cast<int>(row.num("status")));
         nk::json_ptr answer;
         nk::test::StderrCapture capture;
         EXPECT_FALSE(cloud_request(kCloudConnectDevice, body_.get(), &answer)) << line;

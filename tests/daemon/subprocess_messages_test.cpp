@@ -77,8 +77,8 @@ Interface interface(const std::string& name, nk::netMgmt::InterfaceType type, bo
 }
 
 // Members a row leaves out are not checked.
-void expect_member(const json_t* row, const char* key, long long actual) {
-    const json_t* v = json_object_get(row, key);
+void expect_member(const Row& row, const char* key, long long actual) {
+    const json_t* v = row.get(key);
     EXPECT_TRUE(!v || actual == (json_is_boolean(v) ? json_is_true(v) : json_integer_value(v)))
         << key << ": " << actual;
 }
@@ -100,57 +100,56 @@ protected:
     // The rows of one case (data/collector_messages.jsonl): the collector's messages in order,
     // each with the inventory, store and cloud requests it must leave behind.
     void play(const std::string& name) {
-        for (const nk::json_ptr& row : nk::test::rows("collector_messages")) {
-            const json_t* s = row.get();
-            if (Row(s).str("case") != name)
+        for (const Row& s : nk::test::rows("collector_messages")) {
+            if (s.str("case") != name)
                 continue;
-            SCOPED_TRACE(nk::json_dump_compact(s));
-            g_now += Row(s).num("advance");
-            if (!Row(s).str("ignored").empty()) {
+            SCOPED_TRACE(s.text());
+            g_now += s.num("advance");
+            if (!s.str("ignored").empty()) {
                 ASSERT_EQ(nk::setMgmt::setKey("/daemons/nkdevicediscovery/ignored_macs/user",
-                                              Row(s).str("ignored")),
+                                              s.str("ignored")),
                           0);
             }
-            if (!Row(s).str("connect_id").empty())
-                cloud_.set("connect_device", nk::test::id_answer(Row(s).str("connect_id")).c_str());
-            if (const json_t* on = json_object_get(s, "additional_info"))
+            if (!s.str("connect_id").empty())
+                cloud_.set("connect_device", nk::test::id_answer(s.str("connect_id")).c_str());
+            if (const json_t* on = s.get("additional_info"))
                 g_feature_additional_info = json_is_true(on);
-            const json_t* message = json_object_get(s, "message");
+            const json_t* message = s.get("message");
             const std::size_t before = sent();
             if (message) {
                 process_subprocess_messages({json_is_string(message)
                                                  ? json_string_value(message)
                                                  : nk::json_dump_compact(message)});
             }
-            if (!Row(s).str("reset").empty())
-                reset_service_info(Row(s).str("reset") == "upnp" ? ServiceInfoKind::Upnp
-                                                                 : ServiceInfoKind::Netbios);
+            if (!s.str("reset").empty())
+                reset_service_info(s.str("reset") == "upnp" ? ServiceInfoKind::Upnp
+                                                            : ServiceInfoKind::Netbios);
 
             expect_member(s, "received", leases_received());
             expect_member(s, "devices", static_cast<long long>(g_devices.size()));
             expect_member(s, "sent", static_cast<long long>(sent()));
-            EXPECT_TRUE(!Row(s).flag("unchanged") || sent() == before);
+            EXPECT_TRUE(!s.flag("unchanged") || sent() == before);
             for (const char* command : {"connect_device", "set_device_onbox"})
                 expect_member(s, command, static_cast<long long>(cloud_.bodies(command).size()));
             const char* key = nullptr;
             const json_t* v = nullptr;
-            json_object_foreach(json_object_get(s, "last"), key, v) {
+            json_object_foreach(s.get("last"), key, v) {
                 ASSERT_FALSE(cloud_.bodies(key).empty()) << key;
                 EXPECT_NE(cloud_.bodies(key).back().find(json_string_value(v)), std::string::npos);
             }
-            json_object_foreach(json_object_get(s, "names"), key, v) {
+            json_object_foreach(s.get("names"), key, v) {
                 const auto it = g_hostnames.find(macaddr(key));
                 EXPECT_EQ(it == g_hostnames.end() ? "none" : it->second,
                           json_is_string(v) ? json_string_value(v) : "none")
                     << key;
             }
-            for (const std::string& id : Row(s).strs("stored"))
+            for (const std::string& id : s.strs("stored"))
                 EXPECT_NE(nk::test::marker(id), "absent") << id;
             std::size_t i = 0;
-            json_array_foreach(json_object_get(s, "device"), i, v) {
+            json_array_foreach(s.get("device"), i, v) {
                 ASSERT_LT(i, g_devices.size());
                 const Device& device = g_devices[i];
-                if (json_object_get(v, "ips")) {
+                if (Row(v).get("ips")) {
                     const macaddr mac(Row(v).str("mac"));
                     nk::ip_set expected;
                     for (const std::string& ip : Row(v).strs("ips"))
@@ -163,29 +162,29 @@ protected:
                               expected)
                         << "stored";
                 }
-                expect_member(v, "onguest", device.cloud.onguest);
-                expect_member(v, "onbox", device.local.onbox_info.onbox);
-                expect_member(v, "to_send", device.local.onbox_info.to_send);
-                expect_member(v, "avahi", device.local.avahi_info.current.size());
-                expect_member(v, "avahi_pending", device.local.avahi_info.pending);
-                expect_member(v, "upnp", device.local.upnp_info.current.size());
-                expect_member(v, "netbios", device.local.netbios_info.current.size());
-                expect_member(v, "netbios_kept", device.local.netbios_info.kept.size());
-                expect_member(v, "netbios_pending", device.local.netbios_info.pending);
-                if (json_object_get(v, "name")) {
+                expect_member(Row(v), "onguest", device.cloud.onguest);
+                expect_member(Row(v), "onbox", device.local.onbox_info.onbox);
+                expect_member(Row(v), "to_send", device.local.onbox_info.to_send);
+                expect_member(Row(v), "avahi", device.local.avahi_info.current.size());
+                expect_member(Row(v), "avahi_pending", device.local.avahi_info.pending);
+                expect_member(Row(v), "upnp", device.local.upnp_info.current.size());
+                expect_member(Row(v), "netbios", device.local.netbios_info.current.size());
+                expect_member(Row(v), "netbios_kept", device.local.netbios_info.kept.size());
+                expect_member(Row(v), "netbios_pending", device.local.netbios_info.pending);
+                if (Row(v).get("name")) {
                     EXPECT_EQ(device.cloud.box_detected_name, Row(v).str("name"));
                 }
             }
-            json_array_foreach(json_object_get(s, "real_macs"), i, v) {
+            json_array_foreach(s.get("real_macs"), i, v) {
                 EXPECT_EQ(get_real_mac(macaddr(Row(v).str("mac")), address(Row(v).str("ip"))),
                           macaddr(Row(v).str("real")));
             }
-            if (json_object_get(s, "user_agents")) {
+            if (s.get("user_agents")) {
                 std::vector<std::string> agents;
                 const std::lock_guard lock(g_user_agents_mutex);
                 for (const auto& agent : g_user_agents)
                     agents.push_back(agent.mac.to_string() + " " + agent.user_agent);
-                EXPECT_EQ(agents, Row(s).strs("user_agents"));
+                EXPECT_EQ(agents, s.strs("user_agents"));
             }
             const std::lock_guard lock(g_mangled_macs_mutex);
             expect_member(s, "mangled", static_cast<long long>(g_mangled_macs.size()));
@@ -248,11 +247,11 @@ TEST(ServiceInfo, PayloadsAndConversions) {
         R"([{"name":"NAS","domain":"WORKGROUP","services":[{"name":"NAS","service":"server"},)"
         R"({"name":"NAS","service":"workstation"}]}])");
     // A table read in part is no table: the one before stays whole (data/netbios_tables.jsonl).
-    for (const nk::json_ptr& row : nk::test::rows("netbios_tables")) {
-        const bool ok = Row(row.get()).flag("ok");
-        SCOPED_TRACE(nk::json_dump_compact(row.get()));
+    for (const Row& row : nk::test::rows("netbios_tables")) {
+        const bool ok = row.flag("ok");
+        SCOPED_TRACE(row.text());
         NetbiosTable read = table;
-        EXPECT_EQ(read.from_json(json_object_get(row.get(), "json")), ok);
+        EXPECT_EQ(read.from_json(row.get("json")), ok);
         EXPECT_EQ(read.name, ok ? "PC" : "NAS");
         EXPECT_EQ(read.services.empty(), ok);
     }

@@ -14,8 +14,8 @@ inline std::string data_dir() {
     return NK_DAEMON_DATA_DIR;
 }
 
-inline std::vector<nk::json_ptr> rows(const std::string& name) {
-    return read_json_lines(data_dir() + "/" + name + ".jsonl");
+inline Lines rows(const std::string& name) {
+    return Lines(data_dir() + "/" + name + ".jsonl");
 }
 
 inline std::vector<std::uint8_t> from_hex(const std::string& hex) {

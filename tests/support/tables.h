@@ -49,7 +49,10 @@ public:
             out.push_back(json_integer_value(json_array_get(get(key), i)));
         return out;
     }
-    const json_t* get(const char* key) const { return key ? json_object_get(json_, key) : json_; }
+    // Not const: jansson's iteration macros take a mutable value.
+    json_t* get(const char* key) const {
+        return key ? json_object_get(json_, key) : const_cast<json_t*>(json_);
+    }
     // The row as written, to name the failing case.
     std::string text() const { return json_dump_compact(json_); }
 
@@ -57,20 +60,30 @@ private:
     const json_t* json_;
 };
 
-// One JSON document a line (a Row each), blank lines left out; throws when the file cannot be
+// One JSON document a line, a Row each, blank lines left out; throws when the file cannot be
 // read.
-inline std::vector<nk::json_ptr> read_json_lines(const std::string& path) {
-    std::ifstream in(path);
-    if (!in)
-        throw std::runtime_error("no data file " + path);
-    std::vector<nk::json_ptr> out;
-    for (std::string line; std::getline(in, line);) {
+class Lines {
+public:
+    explicit Lines(const std::string& path) {
+        std::ifstream in(path);
+        if (!in)
+            throw std::runtime_error("no data file " + path);
         json_error_t error{};
-        if (!line.empty() && !out.emplace_back(json_loads(line.c_str(), JSON_ALLOW_NUL, &error)))
-            throw std::runtime_error(path + ": " + error.text);
+        for (std::string line; std::getline(in, line);) {
+            if (line.empty())
+                continue;
+            if (!docs_.emplace_back(json_loads(line.c_str(), JSON_ALLOW_NUL, &error)))
+                throw std::runtime_error(path + ": " + error.text);
+            rows_.emplace_back(docs_.back().get());
+        }
     }
-    return out;
-}
+    std::vector<Row>::const_iterator begin() const { return rows_.begin(); }
+    std::vector<Row>::const_iterator end() const { return rows_.end(); }
+
+private:
+    std::vector<nk::json_ptr> docs_;
+    std::vector<Row> rows_;
+};
 
 // The rows of the array `name` of the JSON file at `path`; a missing file or array fails the
 // test.
