@@ -67,15 +67,8 @@ protected:
         return {answer->first, nk::json_ptr(json_loads(answer->second.c_str(), 0, nullptr))};
     }
 
-    // The text with each bound "$name" replaced by its value.
-    std::string bound(std::string text) {
-        for (const auto& [name, value] : vars_) {
-            for (std::size_t at = 0; (at = text.find("$" + name, at)) != std::string::npos;
-                 at += value.size())
-                text.replace(at, name.size() + 1, value);
-        }
-        return text;
-    }
+    // The text with each "{name}" replaced by the value bound to "$name".
+    std::string bound(const std::string& text) const { return nk::test::expand(text, vars_); }
 
     void run(const json_t* step) {
         const char* send = nk::json_string_member(step, "send");
