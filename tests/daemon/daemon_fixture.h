@@ -15,6 +15,7 @@
 #include <nk/setmgmt.h>
 
 #include "bus_event_handlers.h"
+#include "bus_peer.h"
 #include "cloud_request.h"
 #include "daemon_state.h"
 #include "network_info.h"
@@ -78,33 +79,6 @@ protected:
     TestBroker broker_{dir_.path()};
     ScopedEnv broker_env_{"NKEX_BROKER", broker_.address()};
     ScopedEnv timeout_env_;
-};
-
-// Events a bus client subscribed to, in the order they came.
-struct Inbox {
-    std::mutex mutex;
-    std::vector<std::pair<std::string, std::string>> events;  // name, payload
-    nkex_handle* handle = nullptr;
-
-    ~Inbox() { nkex_uninit(handle); }
-    bool listen(const char* client, std::vector<const char*> names) {
-        handle = nkex_init(client, collect, this, 1);
-        return handle && nkex_subscribe(handle, names.data(), names.size()) == 0;
-    }
-
-    static void collect(const Message* m, void* context) {
-        auto* inbox = static_cast<Inbox*>(context);
-        const std::lock_guard lock(inbox->mutex);
-        inbox->events.emplace_back(m->name, std::string(m->data ? m->data : "", m->length));
-    }
-    std::optional<std::string> find(const std::string& name) {
-        const std::lock_guard lock(mutex);
-        for (const auto& [event, payload] : events) {
-            if (event == name)
-                return payload;
-        }
-        return std::nullopt;
-    }
 };
 
 // g_now pinned at 1000, the BOX is "box-1", and the cloud knows every MAC as "d-1".

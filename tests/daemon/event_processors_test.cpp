@@ -33,6 +33,8 @@
 
 namespace {
 
+using namespace std::chrono_literals;
+
 const macaddr kKnown("a4:5e:60:c2:1f:0b");
 const macaddr kUnknown("a4:5e:60:c2:1f:0c");
 
@@ -40,7 +42,7 @@ class EventProcessorsTest : public nk::test::EventLoopTest {
 protected:
     void SetUp() override {
         EventLoopTest::SetUp();
-        ASSERT_TRUE(notices_.listen("asker", {"permanent_device_id"}));
+        notices_.emplace("asker", std::vector<const char*>{"permanent_device_id"});
         // A device the cloud knows, as a load leaves it.
         Device tv("d-7", kKnown, {address("192.168.1.20")}, "tv");
         tv.cloud.device_id = "d-7";
@@ -54,8 +56,8 @@ protected:
     std::future<std::string> ask(const std::string& mac, const std::string& ip) {
         std::promise<std::string>& asked = asked_.emplace_back();
         const std::string data = fmt::format(R"({{"mac": "{}", "ip": "{}"}})", mac, ip);
-        EXPECT_EQ(nkex_send_request(notices_.handle, "request_device_id", data.data(), data.size(),
-                                    answered, &asked),
+        EXPECT_EQ(nkex_send_request(notices_->handle(), "request_device_id", data.data(),
+                                    data.size(), answered, &asked),
                   0);
         return asked.get_future();
     }
@@ -91,7 +93,7 @@ protected:
     }
 
     std::deque<std::promise<std::string>> asked_;  // stable addresses for the callbacks
-    nk::test::Inbox notices_;
+    std::optional<nk::test::Peer> notices_;
 };
 
 TEST_F(EventProcessorsTest, EveryRequestIsAnsweredAfterTheFirstLeasesAndUnknownMacsRegistered) {
@@ -113,10 +115,8 @@ TEST_F(EventProcessorsTest, EveryRequestIsAnsweredAfterTheFirstLeasesAndUnknownM
     EXPECT_EQ(find_device_by_mac(kUnknown)->cloud.device_id, "d-1");
     EXPECT_TRUE(g_pending_devices.empty());
     EXPECT_EQ(cloud_.bodies("connect_device").size(), 1u);
-    ASSERT_TRUE(
-        nk::test::wait_until([&] { return notices_.find("permanent_device_id").has_value(); }));
     EXPECT_EQ(
-        notices_.find("permanent_device_id"),
+        notices_->first("permanent_device_id", 5s),
         R"({"temp_device_id": "00000000-0000-0000-0000-000000000001", "cloud_device_id": "d-1"})");
 }
 

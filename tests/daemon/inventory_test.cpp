@@ -24,6 +24,8 @@
 
 namespace {
 
+using namespace std::chrono_literals;
+
 const macaddr kMac1("02:00:00:00:00:01");
 const macaddr kMac2("02:00:00:00:00:02");
 const macaddr kMac3("02:00:00:00:00:03");
@@ -136,10 +138,11 @@ protected:
     IdentityTest() : StoreTest("2000") {}
     void SetUp() override {
         StoreTest::SetUp();
-        ASSERT_TRUE(inbox_.listen("listener", {"permanent_device_id", "clear_device_id_cache"}));
+        inbox_.emplace("listener",
+                       std::vector<const char*>{"permanent_device_id", "clear_device_id_cache"});
     }
 
-    nk::test::Inbox inbox_;
+    std::optional<nk::test::Peer> inbox_;
 };
 
 TEST_F(IdentityTest, TemporaryIdsArePaddedStablePerMacAndYieldToKnownDevices) {
@@ -164,12 +167,10 @@ TEST_F(IdentityTest, NumberingRestartsPastTheMaximumAndListenersAreTold) {
     constexpr int kMax = 4095;  // 2^12 - 1 for twelve digits
     for (int n = 1; n <= kMax; ++n)
         ASSERT_EQ(get_device_id(nth_mac(n)), temporary_id(n));
-    EXPECT_FALSE(inbox_.find("clear_device_id_cache"));
+    EXPECT_FALSE(inbox_->first("clear_device_id_cache"));
 
     EXPECT_EQ(get_device_id(nth_mac(kMax + 1)), temporary_id(1));
-    ASSERT_TRUE(
-        nk::test::wait_until([&] { return inbox_.find("clear_device_id_cache").has_value(); }));
-    EXPECT_EQ(inbox_.find("clear_device_id_cache"), "");
+    EXPECT_EQ(inbox_->first("clear_device_id_cache", 5s), "");
     EXPECT_EQ(g_temporary_device_ids.size(), 1u);
     EXPECT_EQ(get_device_id(nth_mac(1)), temporary_id(2)) << "old ids were forgotten";
 }
@@ -186,15 +187,12 @@ TEST_F(IdentityTest, AConfirmedMacIsAnnouncedOnlyOnceItsDeviceIsStoredAndUnlocke
     ASSERT_TRUE(device.update_macs_from_cloud(macs.get()));
     // Events of one sender arrive in order: once this one is in, an earlier one would be too.
     send_clear_device_id_cache_message();
-    ASSERT_TRUE(
-        nk::test::wait_until([&] { return inbox_.find("clear_device_id_cache").has_value(); }));
-    EXPECT_FALSE(inbox_.find("permanent_device_id"));
+    ASSERT_TRUE(inbox_->first("clear_device_id_cache", 5s));
+    EXPECT_FALSE(inbox_->first("permanent_device_id"));
     EXPECT_TRUE(load_device_from_storage("cloud-9"));
 
     device.unlock_device_key();
-    ASSERT_TRUE(
-        nk::test::wait_until([&] { return inbox_.find("permanent_device_id").has_value(); }));
-    EXPECT_EQ(inbox_.find("permanent_device_id"),
+    EXPECT_EQ(inbox_->first("permanent_device_id", 5s),
               R"({"temp_device_id": ")" + temporary + R"(", "cloud_device_id": "cloud-9"})");
     EXPECT_EQ(g_temporary_device_ids.count(mac_key(mac)), 0u);
 }

@@ -46,6 +46,20 @@ public:
         };
         return wait_until(any, timeout);
     }
+    // The payload of the first message of this name, waiting up to `timeout` for one.
+    std::optional<std::string> first(const std::string& name,
+                                     std::chrono::milliseconds timeout = 0ms) const {
+        std::optional<std::string> found;
+        const auto seen = [&] {
+            const std::vector<Received> all = received();
+            const auto it = std::find_if(all.begin(), all.end(),
+                                         [&](const Received& r) { return r.name == name; });
+            found = it == all.end() ? std::nullopt : std::optional(it->data);
+            return found.has_value();
+        };
+        wait_until(seen, timeout);
+        return found;
+    }
     // The JSON payloads of the messages of this name whose text holds `part`.
     std::vector<nk::json_ptr> json(const std::string& name, const std::string& part) const {
         std::vector<nk::json_ptr> found;
