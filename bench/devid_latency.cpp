@@ -4,16 +4,16 @@
 // own on the same broker that answers at once (the floor), then to the daemon, then, with
 // --burst N, three bursts of N at once; the figures are the answers' latency percentiles, for
 // the whole run and for each kind of request. In 10 requests: 8 for known clients, 1 for 256
-// clients the daemon does not know yet (each registered at its first request), 1 invalid (the
-// BOX's MAC, an address outside the LAN, a malformed MAC).
+// clients the daemon does not know yet (each registered at its first request), 1 invalid (in
+// turn the BOX's MAC, an address outside the LAN, a malformed MAC).
 //
 // --mix soak: a steady RATE requests a second until SIGINT/SIGTERM (or --seconds), as the
 // nkdevices account, for long runs (scripts/soak); then it waits for every answer or time-out
 // and writes, per second of sending, how many were sent and what became of them (--out), and
 // each request without an answer (--lost), so that the run's script judges the seconds it
-// chooses. In 20 requests: 16 for known clients (FILE is read again whenever it changes), 2 for
-// 64 MACs the LAN does not have (temporary ids), 2 invalid (the BOX's MAC, a malformed MAC, an
-// empty MAC, an address outside the LAN).
+// chooses. In 20 requests: 16 for known clients (FILE is read again whenever it changes), 3 for
+// 64 MACs the LAN does not have (temporary ids), 1 invalid (in turn a malformed MAC, an empty
+// MAC, the BOX's MAC, an address outside the LAN).
 //
 // FILE lists one known client a line, "MAC IP". The bus is $NKEX_BROKER; a request counts as
 // unanswered after $NKEX_TIMEOUT_MS.
@@ -90,6 +90,54 @@ std::string device_id_request(const std::string& mac, const std::string& ip) {
     return fmt::format(R"({{"mac": "{}", "ip": "{}"}})", mac, ip);
 }
 
+// What a request asks about: a known client, one not known yet, or something invalid.
+enum Kind : int { kKnown, kUnknown, kInvalid };
+constexpr const char* kKindNames[] = {"known", "unknown", "invalid"};
+enum class Invalid { BadMac, NoMac, BoxMac, OutsideLan };
+
+// A mix: of every `round` requests the first `known` ask for the known clients in turn, the
+// last is invalid, the others ask for `unknown` MACs the daemon has not seen, at addresses of
+// the LAN from `first_host` on.
+struct Shape {
+    std::size_t round;
+    std::size_t known;
+    std::size_t unknown;
+    std::size_t first_host;
+    std::vector<Invalid> invalid;  // one a round, in turn
+};
+const Shape kLatencyShape{10, 8, 256, 2, {Invalid::BoxMac, Invalid::OutsideLan, Invalid::BadMac}};
+const Shape kSoakShape{
+    20, 16, 64, 20, {Invalid::BadMac, Invalid::NoMac, Invalid::BoxMac, Invalid::OutsideLan}};
+
+struct Planned {
+    Kind kind;
+    std::string payload;
+};
+
+// The i-th request of a mix; without known clients their turns go to unknown ones.
+Planned plan_request(std::size_t i, const Shape& s, const Clients& known, const Options& o) {
+    const std::size_t slot = i % s.round;
+    const std::size_t round = i / s.round;
+    if (slot < s.known && !known.empty()) {
+        const auto& [mac, ip] = known[(round * s.known + slot) % known.size()];
+        return {kKnown, device_id_request(mac, ip)};
+    }
+    const std::size_t unknown_slots = s.round - s.known - 1;
+    if (slot < s.known + unknown_slots || known.empty()) {
+        const std::size_t u = (round * unknown_slots + slot - std::min(slot, s.known)) % s.unknown;
+        return {kUnknown, device_id_request(fmt::format("02:bb:00:00:00:{:02x}", u),
+                                            fmt::format("{}.{}", o.lan, s.first_host + u % 250))};
+    }
+    const Invalid what = s.invalid[round % s.invalid.size()];
+    const std::string mac = what == Invalid::BadMac   ? "zz:zz"
+                            : what == Invalid::NoMac  ? ""
+                            : what == Invalid::BoxMac ? o.box_mac
+                                                      : "02:cc:00:00:00:01";
+    return {kInvalid,
+            device_id_request(
+                mac, what == Invalid::OutsideLan ? "203.0.113.7" : fmt::format("{}.9", o.lan))};
+}
+
 long rss_kib(long pid) {
     if (pid <= 0)
         return -1;
@@ -137,42 +185,6 @@ void answer_at_once(const Message* m, void* context) {
     nkex_send_response(self->get(), 0, m->id, text.data(), text.size());
 }
 
-// What a request asks about: a known client, one not known yet, or an invalid request.
-enum Kind : int { kKnown, kUnknown, kInvalid };
-constexpr const char* kKindNames[] = {"known", "unknown", "invalid"};
-
-Kind kind_of(std::size_t i, bool have_known) {
-    const std::size_t slot = i % 10;
-    if (slot < 8 && have_known)
-        return kKnown;
-    return slot == 8 || !have_known ? kUnknown : kInvalid;
-}
-
-std::vector<std::string> latency_payloads(const Options& o, const Clients& known, std::size_t n) {
-    std::vector<std::string> out;
-    out.reserve(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        const std::size_t slot = i % 10;
-        std::string mac;
-        std::string ip;
-        if (slot < 8 && !known.empty()) {
-            const auto& k = known[(i / 10 * 8 + slot) % known.size()];
-            mac = k.first;
-            ip = k.second;
-        } else if (slot == 8 || known.empty()) {
-            const std::size_t u = (i / 10) % 256;
-            mac = fmt::format("02:bb:00:00:00:{:02x}", u);
-            ip = fmt::format("{}.{}", o.lan, 2 + u % 250);
-        } else {
-            const std::size_t kind = (i / 10) % 3;
-            mac = kind == 0 ? o.box_mac : kind == 1 ? "02:cc:00:00:00:01" : "zz:zz";
-            ip = kind == 1 ? "203.0.113.7" : fmt::format("{}.9", o.lan);
-        }
-        out.push_back(device_id_request(mac, ip));
-    }
-    return out;
-}
-
 struct Figures {
     std::string what;
     std::size_t sent = 0;
@@ -202,8 +214,8 @@ Figures summarize(const std::string& what, const std::vector<double>& latencies,
 
 // The whole run, then each kind of request apart.
 std::vector<Figures> measure(nkex_handle* bus, const char* name,
-                             const std::vector<std::string>& payloads, int rate,
-                             const std::string& what, bool have_known) {
+                             const std::vector<Planned>& payloads, int rate,
+                             const std::string& what) {
     Run run(payloads.size());
     g_run = &run;
     const auto step = std::chrono::nanoseconds(rate > 0 ? 1000000000LL / rate : 0);
@@ -212,7 +224,8 @@ std::vector<Figures> measure(nkex_handle* bus, const char* name,
         if (rate > 0)
             std::this_thread::sleep_until(start + step * static_cast<long>(i));
         run.sent[i] = Clock::now();
-        if (nkex_send_request(bus, name, payloads[i].data(), payloads[i].size(), on_latency_answer,
+        const std::string& payload = payloads[i].payload;
+        if (nkex_send_request(bus, name, payload.data(), payload.size(), on_latency_answer,
                               reinterpret_cast<void*>(static_cast<std::uintptr_t>(i))) != 0) {
             run.state[i] = 2;
             ++run.done;
@@ -226,7 +239,7 @@ std::vector<Figures> measure(nkex_handle* bus, const char* name,
     std::vector<std::vector<double>> by_kind(3);
     std::vector<std::size_t> sent_by_kind(3);
     for (std::size_t i = 0; i < payloads.size(); ++i) {
-        const Kind kind = kind_of(i, have_known);
+        const Kind kind = payloads[i].kind;
         ++sent_by_kind[kind];
         if (run.state[i] != 1)
             continue;
@@ -272,23 +285,22 @@ int run_latency(const Options& o) {
         return 1;
     }
     const Clients known = read_clients(o.known_file);
-    const bool have_known = !known.empty();
-    const std::vector<std::string> payloads =
-        latency_payloads(o, known, static_cast<std::size_t>(o.rate) * o.seconds);
+    std::vector<Planned> payloads;
+    for (std::size_t i = 0; i < static_cast<std::size_t>(o.rate) * o.seconds; ++i)
+        payloads.push_back(plan_request(i, kLatencyShape, known, o));
 
-    report(measure(asker.get(), floor_name[0], payloads, o.rate, "floor", have_known), o.json);
+    report(measure(asker.get(), floor_name[0], payloads, o.rate, "floor"), o.json);
     const long before = rss_kib(o.pid);
-    report(measure(asker.get(), "request_device_id", payloads, o.rate, "daemon", have_known),
-           o.json);
+    report(measure(asker.get(), "request_device_id", payloads, o.rate, "daemon"), o.json);
     const long after = rss_kib(o.pid);
     // Three bursts: the memory a burst takes must be taken again, not added to.
     std::vector<long> burst_rss;
     for (int round = 0; o.burst > 0 && round < 3; ++round) {
-        const std::vector<std::string> burst(
+        const std::vector<Planned> burst(
             payloads.begin(), payloads.begin() + std::min<std::size_t>(o.burst, payloads.size()));
-        report(measure(asker.get(), "request_device_id", burst, 0,
-                       fmt::format("burst{}", round + 1), have_known),
-               o.json);
+        report(
+            measure(asker.get(), "request_device_id", burst, 0, fmt::format("burst{}", round + 1)),
+            o.json);
         burst_rss.push_back(rss_kib(o.pid));
     }
     if (o.pid > 0) {
@@ -359,28 +371,6 @@ private:
     Clients list_;
 };
 
-std::string soak_payload(std::size_t i, Targets& targets, const Options& o) {
-    const std::size_t slot = i % 20;
-    const Clients& clients = targets.current();
-    std::string mac;
-    std::string ip;
-    if (slot < 16 && !clients.empty()) {
-        const auto& c = clients[(i / 20 * 16 + slot) % clients.size()];
-        mac = c.first;
-        ip = c.second;
-    } else if (slot == 19) {
-        static const char* const kBadMacs[] = {"zz:zz", ""};
-        const std::size_t k = (i / 20) % 4;
-        mac = k == 2 ? o.box_mac : k == 3 ? "02:cc:00:00:00:01" : kBadMacs[k];
-        ip = k == 3 ? "203.0.113.7" : fmt::format("{}.{}", o.lan, 50 + k);
-    } else {
-        const std::size_t u = (i / 20 * 3 + slot) % 64;
-        mac = fmt::format("02:bb:00:00:00:{:02x}", u);
-        ip = fmt::format("{}.{}", o.lan, 20 + u);
-    }
-    return device_id_request(mac, ip);
-}
-
 // One line a second of sending: epoch second, sent, answered, failed, timed out, not sent.
 void write_seconds(const std::deque<Request>& requests, const std::string& file) {
     std::map<std::int64_t, std::array<long, 5>> seconds;
@@ -426,7 +416,7 @@ int run_soak(const Options& o) {
     for (std::size_t i = 0; !g_stop && (limit == 0 || i < limit); ++i) {
         std::this_thread::sleep_until(start + step * static_cast<long>(i));
         Request& r = requests.emplace_back();
-        r.payload = soak_payload(i, targets, o);
+        r.payload = plan_request(i, kSoakShape, targets.current(), o).payload;
         r.epoch_ms = epoch_ms();
         ++g_open;
         if (nkex_send_request(bus.get(), "request_device_id", r.payload.data(), r.payload.size(),
