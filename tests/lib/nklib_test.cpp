@@ -66,7 +66,7 @@ TEST(MacIps, LinkLocalFilteringAndEquality) {
 TEST(Leases, FromJsonSkipsBadElementsAndAccumulatesRepeatedMacs) {
     const json_ptr json(json_array());
     for (const auto& row : nk::test::Table(NK_TEST_DATA "/leases.json", "collector_leases"))
-        json_array_append(json.get(), const_cast<json_t*>(row.get(nullptr)));
+        json_array_append(json.get(), row.get(nullptr));
     leases_t table;
     ASSERT_TRUE(table.from_json(json.get()));
     EXPECT_EQ(table.macs.size(), 2u);
