@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,6 +30,7 @@ bool DaemonProcess::start(const std::vector<std::string>& argv) {
     for (const std::string& a : argv)
         args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
+    const pid_t parent = ::getpid();
     const pid_t pid = ::fork();
     if (pid < 0) {
         ::close(fds[0]);
@@ -36,6 +38,11 @@ bool DaemonProcess::start(const std::vector<std::string>& argv) {
         return false;
     }
     if (pid == 0) {
+        // A test that dies without its destructors (a sanitizer's abort, ctest's time-out)
+        // takes its broker and daemons with it.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != parent)
+            ::_exit(127);
         ::dup2(fds[1], STDERR_FILENO);
         ::execv(args[0], args.data());
         ::_exit(127);

@@ -29,6 +29,7 @@ bool accepts(const std::string& path) {
 
 // Root's broker would switch to its own account before making its socket, and could not make
 // it in a root-owned scratch directory; so it starts as that account, allowed to write there.
+// The change of account clears the parent-death signal, so it is set again after it.
 std::vector<std::string> broker_command(const std::string& conf) {
     std::vector<std::string> command;
     if (::geteuid() == 0) {
@@ -38,6 +39,7 @@ std::vector<std::string> broker_command(const std::string& conf) {
                    "--init-groups",
                    "--inh-caps=+dac_override",
                    "--ambient-caps=+dac_override",
+                   "--pdeathsig=KILL",
                    "--"};
     }
     command.insert(command.end(), {NK_MOSQUITTO_BIN, "-c", conf});
